@@ -1,0 +1,8 @@
+#ifndef KRO_API_H
+#define KRO_API_H
+
+/// Marks what the library exports. Everything else is built with hidden visibility, so that a host can
+/// neither link against internals nor clash with them.
+#define KRO_API __attribute__((visibility("default")))
+
+#endif

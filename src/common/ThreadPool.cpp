@@ -1,0 +1,130 @@
+#include "ThreadPool.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include <Poco/Exception.h>
+#include <Poco/Thread.h>
+
+#include "Logger.h"
+
+namespace kro
+{
+
+ThreadPool::RunnableAdapter::RunnableAdapter(std::function<void()> callable, std::weak_ptr<ThreadPool> owner)
+    : task(std::move(callable)), pool(std::move(owner))
+{}
+
+void ThreadPool::RunnableAdapter::run()
+{
+    if (task) {
+        // Settled: anything that is no std::exception leaves run() at once, and the adapter stays in the
+        // list.
+        try {
+            task();
+        } catch (const Poco::Exception& e) {
+            KRO_LOG_ERROR(e.displayText());
+        } catch (const std::exception& e) {
+            KRO_LOG_ERROR(e.what());
+        }
+    }
+    // Settled: in a pool that no std::shared_ptr owns there is nobody to tell, and the adapter stays.
+    const std::shared_ptr<ThreadPool> owner = pool.lock();
+    if (owner) owner->taskFinished(this);  // destroys *this as a rule: nothing of it is touched from here on
+}
+
+ThreadPool::ThreadPool(int min_capacity, int max_capacity, int idle_seconds, int stack_bytes)
+    : Poco::ThreadPool(min_capacity, max_capacity, idle_seconds, stack_bytes)
+{}
+
+ThreadPool::ThreadPool(const std::string& name, int min_capacity, int max_capacity, int idle_seconds,
+                       int stack_bytes)
+    : Poco::ThreadPool(name, min_capacity, max_capacity, idle_seconds, stack_bytes)
+{}
+
+// Settled: the adapters of tasks that still run are dropped first, and only then does the base stop the
+// threads.
+ThreadPool::~ThreadPool() = default;
+
+template <typename HandOver>
+void ThreadPool::start_l(std::function<void()> task, HandOver hand_over)
+{
+    const auto adapter = std::make_shared<RunnableAdapter>(std::move(task), weak_from_this());
+    try {
+        // Settled: the hand-over comes first, so that a refused task is never in the list. The price is that
+        // a task which ends before it is listed stays in the list until the pool goes.
+        hand_over(*adapter);
+        const Poco::FastMutex::ScopedLock lock(live_adapters_mutex);
+        live_adapters.push_back(adapter);
+    } catch (const std::exception& e) {
+        KRO_LOG_ERROR("exception: %s", std::string(e.what()));
+        throw;
+    }
+}
+
+void ThreadPool::start(std::function<void()> task)
+{
+    start(std::move(task), std::string());
+}
+
+void ThreadPool::start(std::function<void()> task, const std::string& name)
+{
+    start_l(std::move(task), [&](RunnableAdapter& adapter) { Poco::ThreadPool::start(adapter, name); });
+}
+
+void ThreadPool::startWithPriority(std::function<void()> task, const std::string& name, bool low_priority)
+{
+    const auto priority = low_priority ? Poco::Thread::PRIO_LOWEST : Poco::Thread::PRIO_NORMAL;
+    start_l(std::move(task),
+            [&](RunnableAdapter& adapter) { Poco::ThreadPool::startWithPriority(priority, adapter, name); });
+}
+
+void ThreadPool::taskFinished(RunnableAdapter* adapter)
+{
+    const Poco::FastMutex::ScopedLock lock(live_adapters_mutex);
+    const auto found = std::find_if(live_adapters.begin(), live_adapters.end(),
+                                    [adapter](const auto& candidate) { return candidate.get() == adapter; });
+    if (found != live_adapters.end()) live_adapters.erase(found);
+}
+
+/// Owns the default pool from its first use to the end of the process.
+class KROThreadPoolSingletonHolder
+{
+public:
+    ~KROThreadPoolSingletonHolder()
+    {
+        pool.reset();  // at exit, when nobody calls defaultPool() any more: needs no lock
+    }
+
+    ThreadPool& get()
+    {
+        const Poco::FastMutex::ScopedLock lock(mutex);
+        // A plain new, wrapped: that too fills in the pool's weak reference to itself.
+        if (!pool) pool = std::shared_ptr<ThreadPool>(new ThreadPool("default", 1, 32, 60, 0));
+        return *pool;
+    }
+
+private:
+    std::shared_ptr<ThreadPool> pool;
+    Poco::FastMutex mutex;  // guards the creation and the reading of pool
+};
+
+namespace
+{
+KROThreadPoolSingletonHolder sh;
+}
+
+ThreadPool& ThreadPool::defaultPool()
+{
+    return sh.get();
+}
+
+TaskManager::TaskManager(const std::string& name, int min_capacity, int max_capacity, int idle_seconds,
+                         int stack_bytes)
+    : detail::TaskManagerBase(name, min_capacity, max_capacity, idle_seconds, stack_bytes)
+{}
+
+TaskManager::TaskManager(Poco::ThreadPool& pool) : detail::TaskManagerBase(pool) {}
+
+}  // namespace kro
