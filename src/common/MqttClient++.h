@@ -1,0 +1,191 @@
+#ifndef KRO_MQTT_CLIENT_H
+#define KRO_MQTT_CLIENT_H
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <MQTTAsync.h>
+#include <Poco/JSON/Object.h>
+
+#include "KroApi.h"
+
+namespace kro
+{
+
+/// One MQTT 3.1.1 broker link that stays up for as long as the object lives: it reconnects without limit and
+/// subscribes everything again after each success.
+///
+/// A client is made with createInstance(), held by the host's std::shared_ptr, and ends when the last
+/// reference goes. That ending joins the client's two threads, so it waits for handlers that still run, and
+/// takes 1 s while connected and 6 s while not. Every result code that is handed on is Paho's own, 0 for
+/// success.
+///
+/// **Threads.** Every operation may be called from any thread, unless the callbacks below say otherwise.
+/// Handlers run on a pool of 32 threads that all clients of the process share, several at once and in any
+/// order, even for one topic. A handler that finds all 32 busy ends the process: keep handlers short.
+///
+/// **On a Paho thread** (connect and loss callbacks, delivery callback) Paho holds its process-wide lock, and
+/// so the callback must not block and must not call Subscribe(), Unsubscribe(), PublishMessage(),
+/// Disconnect(), nor drop the last reference to any client: each may wait for a thread that waits for Paho.
+/// Connect(), IsConnected(), getstation(), the counters and the plain setters are safe there. To do more,
+/// hand it to a thread of the host's.
+///
+/// **Dropping the last reference** is for a thread of the host: not a handler of this client (the end would
+/// wait for itself), not a callback, and not before the task posted by Connect() and the tasks of Subscribe()
+/// have run (the first holds a reference on the client's own thread, where the end of the client ends the
+/// process; the others hold a plain pointer).
+///
+/// What a handler or callback captures is destroyed with internal locks held: captures must not call into any
+/// MqttClient from their destructors, nor hold the last reference to one.
+class KRO_API MqttClient : public std::enable_shared_from_this<MqttClient>
+{
+public:
+    /// A raw handler: gets the message, which stays the library's and must not be freed, and its topic. Of
+    /// the message only payload, payloadlen, qos and retained are filled in.
+    using MessageHandler = std::function<void(MQTTAsync_message*, const std::string&)>;
+    /// A JSON handler: gets the payload's top-level object and the topic.
+    using JsonHandler = std::function<void(const Poco::JSON::Object&, const std::string&)>;
+
+    /// Makes a new, independent client. Nothing is connected before Connect().
+    /// @param server_uri  as MQTTAsync_create takes it, "tcp://host:port". One that Paho refuses is logged,
+    /// and the
+    ///                    client that comes back never connects.
+    /// @param client_id   MQTT client identifier (MQTT 3.1.1 section 3.1.3.1), unique at the broker.
+    /// @param username    sent with every connect, even when empty.
+    /// @param password    likewise.
+    /// @throws std::system_error if a thread can't be started.
+    static std::shared_ptr<MqttClient> createInstance(std::string server_uri, std::string client_id,
+                                                      std::string username, std::string password);
+
+    /// Public for createInstance()'s sake: a client that no std::shared_ptr owns can't Connect().
+    MqttClient(std::string server_uri, std::string client_id, std::string username, std::string password);
+    ~MqttClient();
+    MqttClient(const MqttClient&) = delete;
+    MqttClient& operator=(const MqttClient&) = delete;
+
+    /// Stores the two callbacks and starts one attempt to connect, whatever the present state; returns at
+    /// once. Callbacks and setters below take no lock: set them before the first Connect().
+    /// @param on_connect  told the result of each attempt, those of reconnections too: 0, Paho's code, or -1.
+    /// Runs on
+    ///                    a Paho thread (see above); when Paho refuses to start an attempt, on a pool thread
+    ///                    with the connection's lock held, where the same calls are forbidden. Its result is
+    ///                    ignored. May be empty.
+    /// @param on_lost     told the cause of each lost connection, often empty; on a Paho thread. Its result
+    /// is
+    ///                    ignored. May be empty.
+    /// @throws std::bad_weak_ptr if no std::shared_ptr owns the client; the callbacks are stored even so.
+    void Connect(std::function<bool(int)> on_connect, std::function<bool(const std::string&)> on_lost);
+
+    /// Asks the broker to end the connection, waiting up to 3 s for messages in flight on Paho's side, and
+    /// returns at once. Threads, queue and subscriptions stay: Connect() may follow. A reconnection that is
+    /// already scheduled is not cancelled. Waits for a running connection step, up to 6 s. Failures are
+    /// logged.
+    void Disconnect();
+
+    /// @return true while the link is up.
+    bool IsConnected();
+
+    /// Adds a handler for a topic filter and subscribes it at the broker, on a pool thread; without a
+    /// connection the next connect success does it, at QoS 1. Every reconnection subscribes at QoS 1.
+    /// Failures are only logged. If the pool is full the work is done on the calling thread, which may then
+    /// wait for a running connection step.
+    /// @param handler  runs on a pool thread; what it throws is dropped. Add one for each call: a second call
+    /// for a
+    ///                 filter adds a second handler.
+    /// @param topic    MQTT topic filter. Inbound topics are looked up by the exact key; failing that, by the
+    /// text in
+    ///                 front of the first "/#" or else "/+", as a plain prefix, first match only: "a/+/c"
+    ///                 also gets "a/b/d" and "abc", while "#" and "+/x" get nothing.
+    /// @param qos      0, 1 or 2 (MQTT 3.1.1 section 4.3).
+    void Subscribe(MessageHandler handler, std::string topic, int qos);
+
+    /// As above, for payloads that are JSON objects. An empty payload is passed over in silence, anything
+    /// else that is no JSON object with one ERROR line.
+    void Subscribe(JsonHandler handler, std::string topic, int qos);
+
+    /// Forgets all handlers of `topic`, the key as it was given to Subscribe(), and tells the broker if there
+    /// is a connection. Without a Paho client nothing is forgotten. Failures are only logged. Waits for a
+    /// running connection step, up to 6 s.
+    void Unsubscribe(std::string topic);
+
+    /// Hands one message to Paho, which copies it. Nothing is queued or tried again by the library.
+    /// @param payload   the body, zero bytes included. Note the order: payload first, topic second.
+    /// @param topic     a topic name, without wildcards (MQTT 3.1.1 section 4.7).
+    /// @param qos       0, 1 or 2; passed on unchecked.
+    /// @param retained  0 or 1; passed on unchecked.
+    /// @param reserved  ignored.
+    /// @return true if Paho took it; delivery is told by the callback of SetDeliveryCompleteCallback() or an
+    /// ERROR
+    ///         line. False without a connection (in silence) or when Paho refuses (logged).
+    bool PublishMessage(std::string payload, std::string topic, int qos, int retained, int reserved);
+
+    /// Throws away everything that waits in the inbound queue.
+    /// With an empty queue it does nothing. Settled: with entries it releases each payload twice, which the
+    /// platform's allocator answers by ending the process. Do not call it on a queue that may hold messages.
+    void EmergencyClear();
+
+    /// @return a copy of the client identifier; logs it.
+    std::string getstation();
+
+    /// @param callback  told the token of each message that was delivered as its QoS asks; on a Paho thread.
+    /// May be
+    ///                  empty. Not to be changed while messages are in flight.
+    void SetDeliveryCompleteCallback(std::function<void(int)> callback);
+
+    /// Stored for the host's use; the library never calls it.
+    void setMessageReceiveTailorCallback(std::function<void(const Poco::JSON::Object::Ptr&)> callback);
+    /// Stored for the host's use; the library never calls it.
+    void setMessagePushSpliceCallback(std::function<void(std::string&)> callback);
+
+    /// @param callback  the gate in front of JSON handlers: gets the object, the topic and the subscription's
+    /// QoS, on
+    ///                  a pool thread. 1 lets the message through, any other result drops it in silence. May
+    ///                  be empty.
+    void setMsgFwdHandlerCallback(
+        std::function<unsigned char(const Poco::JSON::Object&, std::string, int)> callback);
+
+    /// Stored for the host's use; the library never reads it.
+    void SetVehicleConn(bool vehicle_conn);
+
+    /// @param link_type  1 lets heartbeats, telemetry, camera and audio APIs and "response" messages in; any
+    /// other
+    ///                   value, also the default 0, throws them away on arrival. Acts at once.
+    void setLinkType(int link_type);
+
+    /// @return true if topic or payload belong to the class of heartbeats and telemetry. Parses the payload
+    /// of every
+    ///         topic that doesn't tell by itself.
+    bool IsTelemetryMessage(const std::string& topic, const std::string& payload);
+
+    std::size_t GetQueueSize() const;        ///< entries waiting for a handler: at most 100,000
+    std::size_t GetMemoryUsage() const;      ///< bytes charged for them: at most 400 MiB
+    std::size_t GetDroppedMessages() const;  ///< refused at a limit so far, once for each handler refused
+
+private:
+    struct Impl;
+    friend struct MqttClientTestAccess;
+
+    void Create_l();   // takes client_mutex; on the constructor's thread, afterwards on the control thread
+    void Connect_l();  // on the control thread
+    void Attempt_l();  // on a pool thread; takes client_mutex
+    void ScheduleReconnect(const std::string& reason);
+    void Resubscribe_l(const std::weak_ptr<MqttClient>& weak);              // on the control thread
+    void Reconnect_l(const std::weak_ptr<MqttClient>& weak, int delay_ms);  // on the control thread
+    void Subscribe_l(const MessageHandler& handler, const std::string& topic, int qos);  // takes client_mutex
+
+    // Paho's callbacks, on its threads with its lock held: none of them takes client_mutex.
+    static void OnConnectSuccess(void* context, MQTTAsync_successData* response);
+    static void OnConnectFailure(void* context, MQTTAsync_failureData* response);
+    static void OnConnectionLost(void* context, char* cause);
+    static int OnMessageArrived(void* context, char* topicName, int topicLen, MQTTAsync_message* message);
+    static void OnPublishSuccess(void* context, MQTTAsync_successData* response);
+    static void OnPublishFailure(void* context, MQTTAsync_failureData* response);
+
+    std::unique_ptr<Impl> impl;
+};
+
+}  // namespace kro
+
+#endif

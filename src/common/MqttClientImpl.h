@@ -1,0 +1,153 @@
+#ifndef KRO_MQTT_CLIENT_IMPL_H
+#define KRO_MQTT_CLIENT_IMPL_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include <MQTTAsync.h>
+#include <Poco/JSON/Object.h>
+
+#include "MqttClient++.h"
+
+namespace kro
+{
+
+/// States of the link, as MqttClient::Impl::connection_state holds them.
+enum ConnectionState : std::int32_t
+{
+    Disconnected = 0,  // no link, and no attempt under way
+    Connecting = 1,    // an attempt has been started, Paho's answer is outstanding
+    Connected = 2,
+    Reconnecting = 3,  // a reconnection is replacing the handle
+};
+
+/// Everything that a client is. Fields are destroyed from the last to the first.
+///
+/// Lock order: client_mutex before subscribe_mutex; every other mutex is a leaf. client_mutex alone is held
+/// across calls into Paho, and so no callback of Paho's may take it: Paho holds its own lock there. Atomics
+/// are flags and counters that threads look at one by one; where two must agree, the step that needs it says
+/// so.
+struct MqttClient::Impl
+{
+    /// One delivery of one message to one handler, with a payload array of its own.
+    struct AsyncMessage
+    {
+        AsyncMessage(const MQTTAsync_message& received, std::string to_topic, std::string with_api,
+                     MessageHandler to_handler);
+        AsyncMessage(
+            AsyncMessage&& other) noexcept;  // leaves `other` without payload: one owner for each array
+        AsyncMessage& operator=(AsyncMessage&&) = delete;
+        ~AsyncMessage();
+
+        std::size_t cost() const;  // what the entry counts for in memory_usage, in bytes
+
+        MQTTAsync_message message = MQTTAsync_message_initializer;  // payload: new char[], owned
+        std::string topic;                                          // as received, not the filter
+        std::string api;  // the payload's "api" as classification found it, or empty
+        MessageHandler handler;
+    };
+
+    /// Places for handlers in flight. It stands on the processor's stack, which may not go before every place
+    /// is back.
+    class HandlerGate
+    {
+    public:
+        explicit HandlerGate(int places) : permits(places) {}
+        void acquire();
+        void release();  // the caller touches nothing of the gate afterwards
+
+    private:
+        int permits;
+        std::mutex mutex;  // guards permits
+        std::condition_variable released;
+    };
+
+    Impl(std::string uri, std::string id, std::string user, std::string pass);
+    ~Impl();
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    void StartControlThread();
+    void ControlLoop();
+    /// Appends `task`; once the control loop has been told to stop, destroys it unrun. Any thread, Paho's
+    /// included.
+    void PostControlTask(std::function<void()> task);
+
+    void StartMessageProcessor();  // client_mutex held
+    void ProcessMessages();
+    void HandOverFront(std::unique_lock<std::mutex>& queue_lock, HandlerGate& gate);  // queue_mutex held
+
+    void Cleanup();     // takes client_mutex, and holds it for up to 6 s
+    void ClearQueue();  // takes queue_mutex
+
+    /// Whether a message is wanted at all; fills in `api`, and logs what is to be logged.
+    bool Classify(const std::string& topic, const MQTTAsync_message* message, std::string& api) const;
+    std::vector<MessageHandler> FindHandlers(const std::string& topic);  // takes subscribe_mutex
+    void Admit(MessageHandler handler, const std::string& topic, const std::string& api,
+               const MQTTAsync_message& message);  // takes queue_mutex
+
+    bool isConnected() const { return connection_state == Connected; }
+
+    std::string server_uri;
+    std::string client_id;
+    std::string username;
+    std::string password;
+    // Changed with client_mutex held; atomic because a publish looks at it before it takes the mutex.
+    std::atomic<MQTTAsync> async_client{nullptr};
+    std::atomic<bool> connected{false};  // what Subscribe and Unsubscribe look at
+    std::atomic<bool> processor_started{false};
+    std::atomic<bool> reconnecting{false};    // a reconnection owns the step from handle to attempt
+    std::atomic<bool> stop_reconnect{false};  // set for good by ~Impl
+    std::mutex client_mutex;     // serialises the use of async_client; held across calls into Paho
+    std::mutex subscribe_mutex;  // guards subscribe_map; a leaf
+    std::unordered_map<std::string, std::vector<MessageHandler>> subscribe_map;  // filter to its handlers
+    // The callbacks carry no lock: hosts set them before Connect, whose task carries them to the other
+    // threads.
+    std::function<bool(int)> connect_callback;
+    std::function<bool(const std::string&)> connection_lost_callback;
+    std::function<void(int)> delivery_complete_callback;
+    std::function<void(const Poco::JSON::Object::Ptr&)>
+        message_receive_tailor_callback;                             // held for hosts only
+    std::function<void(std::string&)> message_push_splice_callback;  // held for hosts only
+    std::function<unsigned char(const Poco::JSON::Object&, std::string, int)> msg_fwd_handler_callback;
+    std::atomic<bool> vehicle_conn{false};  // held for hosts only
+    std::atomic<std::int32_t> link_type{0};
+    std::string reserved_text;                                 // stays empty
+    std::atomic<std::int32_t> connection_state{Disconnected};  // what all the others look at
+    std::atomic<std::int32_t> failure_count{0};                // failures and losses since the last success
+    // These three are plain: the first and the last belong to Paho's callbacks, which never overlap, and the
+    // other to the control thread.
+    std::int64_t reconnect_base_delay = 1000;                    // milliseconds
+    std::chrono::steady_clock::time_point last_connect_attempt;  // written and never read
+    std::chrono::steady_clock::time_point last_connected_at;     // the clock's epoch until the first success
+    std::atomic<bool> quick_retry{false};
+    std::mutex reconnect_mutex;  // for the wait on reconnect_cv; guards nothing
+    std::condition_variable reconnect_cv;
+    std::thread message_processor_thread;
+    std::deque<AsyncMessage> message_queue;
+    mutable std::mutex queue_mutex;  // guards message_queue; a leaf
+    std::condition_variable queue_cv;
+    std::atomic<std::size_t> memory_usage{0};  // sum of the costs in message_queue
+    std::atomic<std::size_t> dropped_messages{0};
+    std::deque<std::function<void()>> control_tasks;
+    std::mutex control_mutex;  // guards control_tasks, and the change of control_running; a leaf
+    std::condition_variable control_cv;
+    std::atomic<bool> control_running{true};
+    std::thread control_thread;
+    std::shared_ptr<std::atomic<int>> in_flight_handlers;  // shared with the tasks on the pool
+};
+
+}  // namespace kro
+
+#endif

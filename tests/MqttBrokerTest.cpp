@@ -1,0 +1,190 @@
+// The client against a real broker on a loopback port.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "MqttClient++.h"
+#include "support/Broker.h"
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
+#include "support/MqttClientAccess.h"
+
+namespace kro
+{
+namespace
+{
+using namespace std::chrono_literals;
+using test::error;
+using test::eventually;
+using test::information;
+
+class MqttBrokerTest : public testing::Test
+{
+protected:
+    struct Link
+    {
+        explicit Link(const test::Broker& broker, const std::string& id,
+                      const std::string& password = "secret")
+            : client(MqttClient::createInstance(broker.uri(), id, "user", password))
+        {
+            client->Connect(
+                [this](int code) {
+                    (code == 0 ? successes : failures).fetch_add(1);
+                    return true;
+                },
+                [this](const std::string&) {
+                    ++losses;
+                    return true;
+                });
+        }
+        std::atomic<int> successes{0}, failures{0}, losses{0};
+        std::shared_ptr<MqttClient> client;  // last, so that it ends before what its callbacks count in
+    };
+
+    /// Subscribes while connected and waits until Paho has taken the request.
+    void subscribe(MqttClient& client, MqttClient::MessageHandler handler, const std::string& filter, int qos)
+    {
+        client.Subscribe(std::move(handler), filter, qos);
+        ASSERT_TRUE(eventually([&] {
+            return log.has(information("Success to subscribe topic " + filter + ", return code 0"));
+        }));
+    }
+
+    test::LogCapture& log = test::LogCapture::instance();
+    test::Broker broker;
+};
+
+TEST_F(MqttBrokerTest, CarriesMessagesOfEveryQosBetweenTwoClientsOfOneProcess)
+{
+    Link sender(broker, "sender");
+    Link receiver(broker, "receiver");
+    ASSERT_TRUE(eventually([&] { return sender.client->IsConnected() && receiver.client->IsConnected(); }));
+    std::mutex mutex;
+    std::vector<std::pair<std::string, int>> got;
+    subscribe(
+        *receiver.client,
+        [&](MQTTAsync_message* message, const std::string&) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            got.emplace_back(std::string(static_cast<char*>(message->payload),
+                                         static_cast<std::size_t>(message->payloadlen)),
+                             message->qos);
+        },
+        "data/#", 2);
+    std::atomic<int> delivered{0};
+    sender.client->SetDeliveryCompleteCallback([&](int) { ++delivered; });
+    const std::string bytes("a\0b", 3);
+    for (const int qos : {0, 1, 2}) {
+        EXPECT_TRUE(sender.client->PublishMessage(bytes, "data/x", qos, 0, 0));
+        ASSERT_TRUE(eventually([&] {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return got.size() == static_cast<std::size_t>(qos) + 1;
+        }));
+        EXPECT_EQ(got.back(), std::make_pair(bytes, qos));
+    }
+    EXPECT_TRUE(eventually([&] { return delivered == 3; }));
+    EXPECT_FALSE(sender.client->PublishMessage("x", "data/x", 7, 0, 0)) << "Paho refuses the QoS";
+    EXPECT_EQ(log.countPrefix("Failed to publish message for topic data/x, return code "), 1u);
+}
+
+TEST_F(MqttBrokerTest, CarriesPayloadsUpToTheLimitAndDropsWhatIsLarger)
+{
+    Link link(broker, "large");
+    ASSERT_TRUE(eventually([&] { return link.client->IsConnected(); }));
+    std::promise<std::string> got;
+    subscribe(
+        *link.client,
+        [&](MQTTAsync_message* message, const std::string&) {
+            got.set_value(
+                {static_cast<char*>(message->payload), static_cast<std::size_t>(message->payloadlen)});
+        },
+        "large", 1);
+    std::string payload(20971520, 'x');
+    payload.front() = payload.back() = '\0';
+    EXPECT_TRUE(link.client->PublishMessage(payload, "large", 1, 0, 0));
+    auto whole = got.get_future();
+    ASSERT_EQ(whole.wait_for(60s), std::future_status::ready);
+    EXPECT_TRUE(whole.get() == payload);
+    EXPECT_TRUE(link.client->PublishMessage(payload + "y", "large", 1, 0, 0));
+    EXPECT_TRUE(eventually([&] { return link.client->GetDroppedMessages() == 1; }, 60s));
+}
+
+TEST_F(MqttBrokerTest, GoesOnTryingWithAWrongPassword)
+{
+    Link link(broker, "stranger", "wrong");
+    EXPECT_TRUE(eventually([&] { return link.failures >= 2; }, 60s));
+    EXPECT_EQ(link.successes, 0);
+    EXPECT_TRUE(log.has(error("MQTT connection failed, return code 5")))
+        << "refused: bad user name or password";
+    EXPECT_FALSE(link.client->IsConnected());
+}
+
+TEST_F(MqttBrokerTest, ComesBackWithItsSubscriptionsWhenTheBrokerWasKilled)
+{
+    Link link(broker, "phoenix");
+    ASSERT_TRUE(eventually([&] { return link.client->IsConnected(); }));
+    std::atomic<int> got{0};
+    subscribe(
+        *link.client, [&](MQTTAsync_message*, const std::string&) { ++got; }, "again/+/x", 2);
+    broker.run("mosquitto_pub", "-t again/1/x -m one");
+    ASSERT_TRUE(eventually([&] { return got == 1; }));
+    broker.kill();
+    ASSERT_TRUE(eventually([&] { return link.losses >= 1; }, 60s));
+    EXPECT_FALSE(link.client->PublishMessage("x", "out", 1, 0, 0));
+    broker.start();
+    ASSERT_TRUE(
+        eventually([&] { return log.has(information("Success to resubscribe topic again/+/x")); }, 90s));
+    ASSERT_TRUE(eventually([&] { return link.client->IsConnected(); }, 60s));
+    // The request is Paho's by now; the broker has it soon after.
+    EXPECT_TRUE(eventually([&] {
+        broker.run("mosquitto_pub", "-t again/2/x -m two");
+        return got >= 2;
+    }));
+    EXPECT_GE(link.successes, 2);
+}
+
+TEST_F(MqttBrokerTest, DropsAndCountsAFloodWhileTheProcessorIsHeldBack)
+{
+    constexpr std::size_t kEntries = 100000, kMemory = 419430400;
+    Link link(broker, "flood");
+    ASSERT_TRUE(eventually([&] { return link.client->IsConnected(); }));
+    subscribe(
+        *link.client, [](MQTTAsync_message*, const std::string&) {}, "flood", 1);
+    MqttClientTestAccess::holdProcessor(*link.client);
+    broker.run("mosquitto_pub", "-t flood -m x --repeat " + std::to_string(kEntries + 50));
+    EXPECT_TRUE(eventually([&] { return link.client->GetDroppedMessages() == 50; }, 90s));
+    EXPECT_EQ(link.client->GetQueueSize(), kEntries);
+    EXPECT_EQ(link.client->GetMemoryUsage(), kEntries * (5 + 160 + 1));
+    EXPECT_EQ(log.count(error("Message queue full, dropping message")), 50u);
+    MqttClientTestAccess::release(*link.client);
+
+    const std::size_t cost = 5 + 160 + 20971520;
+    broker.run("mosquitto_pub", "-t flood -f " + broker.file(std::string(20971520, 'x')) + " --repeat 21");
+    EXPECT_TRUE(eventually([&] { return link.client->GetDroppedMessages() == 50 + 2; }, 90s));
+    EXPECT_EQ(link.client->GetMemoryUsage(), kMemory / cost * cost);
+    EXPECT_EQ(log.count(error("Memory limit exceeded, dropping message")), 2u);
+    EXPECT_TRUE(link.client->IsConnected()) << "a flood costs messages, not the link";
+    MqttClientTestAccess::release(*link.client);
+}
+
+TEST_F(MqttBrokerTest, DisconnectsAndConnectsAgainOnRequest)
+{
+    Link link(broker, "visitor");
+    ASSERT_TRUE(eventually([&] { return link.client->IsConnected(); }));
+    link.client->Disconnect();
+    EXPECT_FALSE(link.client->IsConnected());
+    // Paho takes no new attempt before the old connection has ended: it is asked until it does.
+    EXPECT_TRUE(eventually([&] {
+        if (!link.client->IsConnected())
+            link.client->Connect([](int) { return true; }, [](const std::string&) { return true; });
+        return eventually([&] { return link.client->IsConnected(); }, 500ms);
+    }));
+    EXPECT_EQ(link.losses, 0);
+}
+
+}  // namespace
+}  // namespace kro

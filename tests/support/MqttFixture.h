@@ -1,0 +1,76 @@
+#ifndef KRO_TESTS_MQTT_FIXTURE_H
+#define KRO_TESTS_MQTT_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "MqttClient++.h"
+#include "support/Eventually.h"
+#include "support/FakePaho.h"
+#include "support/LogCapture.h"
+#include "support/MqttClientAccess.h"
+
+namespace kro
+{
+namespace test
+{
+/// A client on the fake of Paho.
+class MqttFixture : public testing::Test
+{
+protected:
+    using Access = MqttClientTestAccess;
+
+    MqttFixture()
+    {
+        paho.reset();
+        log.clear();
+    }
+    ~MqttFixture() override
+    {
+        log.setHook({});
+        for (const char* const function : {"create", "connect", "disconnect", "subscribe", "send"})
+            paho.onCall(function, {});
+        if (client) Access::release(*client);
+        client.reset();
+        EXPECT_EQ(paho.unfreed(), 0) << "each message and topic is freed once";
+    }
+
+    void create() { client = MqttClient::createInstance("tcp://broker:1883", "station", "user", "secret"); }
+
+    /// Creates the client and connects it; `results` gets what connect_callback is told.
+    void connect()
+    {
+        create();
+        client->Connect([this](int code) { return results.push_back(code), true; },
+                        [this](const std::string& cause) { return losses.push_back(cause), true; });
+        ASSERT_TRUE(eventually([&] { return log.countPrefix("Re-subscribing after reconnection") == 1; }));
+    }
+
+    Access::Impl& impl() { return Access::impl(*client); }
+    bool logged(const LogLine& line, std::size_t times = 1)
+    {
+        return eventually([&] { return log.count(line) >= times; });
+    }
+    /// Waits until the handler of `filter` is in the table and the broker has been told.
+    void subscribe(MqttClient::MessageHandler handler, const std::string& filter, int qos = 0)
+    {
+        const auto before = paho.countPrefix("subscribe " + filter);
+        client->Subscribe(std::move(handler), filter, qos);
+        ASSERT_TRUE(eventually([&] { return paho.countPrefix("subscribe " + filter) > before; }));
+    }
+
+    FakePaho& paho = FakePaho::instance();
+    LogCapture& log = LogCapture::instance();
+    std::vector<int> results;         // written on Paho's thread, read when it is quiet
+    std::vector<std::string> losses;  // likewise
+    std::shared_ptr<MqttClient> client;
+};
+}  // namespace test
+}  // namespace kro
+
+#endif
