@@ -27,7 +27,7 @@ protected:
     /// Blocks all 32 threads of the shared pool: handlers of one message, subscribed 32 times.
     void fillPool()
     {
-        for (int i = 0; i < 32; ++i) subscribe([this](auto*, const auto&) { opened.wait(); }, "hold");
+        for (int i = 0; i < 32; ++i) subscribe([held = opened](auto*, const auto&) { held.wait(); }, "hold");
         paho.deliver("hold", "x");
         ASSERT_TRUE(eventually([&] { return *impl().in_flight_handlers == 32; }));
     }
@@ -50,7 +50,7 @@ TEST_F(MqttClientTest, ConnectsThroughEveryStepInOrder)
     EXPECT_EQ(options.MQTTVersion, 0);
     EXPECT_EQ(paho.calls(),
               (std::vector<std::string>{"create tcp://broker:1883 station 1", "setCallbacks", "connect"}));
-    EXPECT_EQ(results, std::vector{0});
+    EXPECT_EQ(results.all(), std::vector{0});
     auto lines = log.lines();
     // Paho's answer may overtake the line that the attempt was started.
     const auto started =
@@ -65,7 +65,7 @@ TEST_F(MqttClientTest, ConnectsThroughEveryStepInOrder)
     EXPECT_TRUE(client->IsConnected());
     EXPECT_EQ(client->getstation(), "station");
 
-    client->Connect([this](int code) { return results.push_back(code), true; }, {});
+    client->Connect([this](int code) { return results.add(code); }, {});
     EXPECT_TRUE(eventually([&] { return paho.count("connect") == 2; })) << "no test of the present state";
     EXPECT_TRUE(logged(information("MQTT connection established successfully"), 2));
 }
@@ -81,7 +81,7 @@ TEST_F(MqttClientTest, StaysWithoutAHandleWhenPahoRefusesToMakeOne)
                                                    : "Failed to set callbacks, return code -7")));
         EXPECT_EQ(paho.count("destroy"), step == "create" ? 0u : 1u);
         EXPECT_FALSE(impl().processor_started);
-        client->Connect([this](int code) { return results.push_back(code), true; }, {});
+        client->Connect([this](int code) { return results.add(code); }, {});
         EXPECT_TRUE(logged(error("async mqtt client is nullptr.")));
         EXPECT_TRUE(eventually([&] { return impl().connection_state == Disconnected; }));
         client->Disconnect();
@@ -91,18 +91,18 @@ TEST_F(MqttClientTest, StaysWithoutAHandleWhenPahoRefusesToMakeOne)
         EXPECT_FALSE(client->PublishMessage("x", "a", 0, 0, 0));
         client.reset();
     }
-    EXPECT_TRUE(results.empty());
+    EXPECT_TRUE(results.all().empty());
     EXPECT_EQ(paho.count("connect"), 0u);
 }
 
 TEST_F(MqttClientTest, TellsTheHostWhenAnAttemptCannotBeStartedAndSchedulesNothing)
 {
     create();
-    bool lock_was_free = true;
+    std::atomic<bool> lock_was_free{true};
     paho.script("connect", -9);
     client->Connect(
         [&](int code) {
-            results.push_back(code);
+            results.add(code);
             lock_was_free =
                 std::async(std::launch::async, [&] {
                     const std::unique_lock<std::mutex> lock(impl().client_mutex, std::try_to_lock);
@@ -113,10 +113,11 @@ TEST_F(MqttClientTest, TellsTheHostWhenAnAttemptCannotBeStartedAndSchedulesNothi
         },
         {});
     ASSERT_TRUE(logged(error("Connect exception: from the host")));
-    ASSERT_TRUE(eventually([&] { return paho.count("connect") == 1 && results.size() == 2; }));
+    ASSERT_TRUE(eventually([&] { return paho.count("connect") == 1 && results.all().size() == 2; }));
     EXPECT_TRUE(log.has(error("Failed to start connect, return code -9")));
-    EXPECT_EQ(results, (std::vector{-9, -1}));
-    EXPECT_TRUE(eventually([&] { return lock_was_free; })) << "the second call comes with the lock released";
+    EXPECT_EQ(results.all(), (std::vector{-9, -1}));
+    EXPECT_TRUE(eventually([&] { return lock_was_free.load(); }))
+        << "the second call comes with the lock released";
     EXPECT_EQ(impl().connection_state, Disconnected);
     EXPECT_EQ(log.countPrefix("Scheduling reconnection"), 0u);
 }
@@ -206,7 +207,7 @@ TEST_F(MqttClientTest, ReconnectsThroughANewHandleAndSubscribesAgainAtQos1)
     EXPECT_EQ(paho.count("subscribe a/b 2"), 1u);
     paho.loseConnection(nullptr);
     EXPECT_FALSE(client->IsConnected());
-    EXPECT_EQ(losses, std::vector<std::string>{""});
+    EXPECT_EQ(losses.all(), std::vector<std::string>{""});
     EXPECT_TRUE(log.has(error("MQTT connection lost: unknown")));
     const int delay_ms = scheduledDelay("Scheduling reconnection after connection lost in ",
                                         " ms, failure count: 1, quick_retry: true");
@@ -215,7 +216,7 @@ TEST_F(MqttClientTest, ReconnectsThroughANewHandleAndSubscribesAgainAtQos1)
     EXPECT_FALSE(client->PublishMessage("x", "a", 0, 0, 0));
     EXPECT_TRUE(logged(information("Success to resubscribe topic a/b")));
     EXPECT_EQ(paho.count("subscribe a/b 1"), 1u);
-    EXPECT_EQ(results, (std::vector{0, 0}));
+    EXPECT_EQ(results.all(), (std::vector{0, 0}));
     const auto calls = paho.calls();
     const std::vector<std::string> replaced{"setCallbacks null", "disconnect 5000",
                                             "destroy",           "create tcp://broker:1883 station 1",
@@ -231,7 +232,7 @@ TEST_F(MqttClientTest, CountsEveryFailureAndTakesTheLongTableAfterAnHour)
 {
     paho.answerConnects(false);
     create();
-    client->Connect([this](int code) { return results.push_back(code), true; }, {});
+    client->Connect([this](int code) { return results.add(code); }, {});
     ASSERT_TRUE(eventually([&] { return paho.count("connect") == 1; }));
     const auto now = std::chrono::steady_clock::now();
     impl().last_connected_at = now - 3600s;
@@ -256,7 +257,7 @@ TEST_F(MqttClientTest, CountsEveryFailureAndTakesTheLongTableAfterAnHour)
               3000)
         << "the short table holds until a success";
     EXPECT_TRUE(log.has(error("MQTT connection lost: once more")));
-    EXPECT_EQ(results, (std::vector{5, -1}));
+    EXPECT_EQ(results.all(), (std::vector{5, -1}));
 
     ASSERT_TRUE(eventually([&] { return paho.count("connect") == 3; }));
     paho.connectSucceeds();
@@ -285,9 +286,9 @@ TEST_F(MqttClientTest, EndsReconnectingWhenNoHandleCanBeMade)
     EXPECT_TRUE(logged(error("Failed to create async mqtt client, return code -1")));
     EXPECT_TRUE(eventually([&] { return !impl().reconnecting; }));
     EXPECT_EQ(impl().connection_state, Disconnected);
-    client->Connect([this](int code) { return results.push_back(code), true; }, {});
+    client->Connect([this](int code) { return results.add(code); }, {});
     EXPECT_TRUE(logged(error("async mqtt client is nullptr."))) << "Connect makes no handle";
-    EXPECT_EQ(results, std::vector{0});
+    EXPECT_EQ(results.all(), std::vector{0});
 }
 
 TEST_F(MqttClientTest, EndsReconnectingWhenPahoRefusesTheAttemptUntilTheHostConnects)
@@ -399,18 +400,18 @@ TEST_F(MqttClientTest, KeepsTheTopicWhenThereIsNoHandleToUnsubscribeWith)
 TEST_F(MqttClientTest, HandsOnlyJsonObjectsToJsonHandlersAndAsksTheGate)
 {
     connect();
-    std::vector<std::string> seen;
+    test::Recorder<std::string> seen;
     client->Subscribe(
         [&](const Poco::JSON::Object& object, const std::string& topic) {
-            seen.push_back(topic + object.optValue<std::string>("k", ""));
+            seen.add(topic + object.optValue<std::string>("k", ""));
         },
         "j", 2);
     ASSERT_TRUE(eventually([&] { return impl().connected && paho.count("subscribe j 2") == 1; }));
-    unsigned char verdict = 1;
-    std::string asked;
+    std::atomic<unsigned char> verdict{1};
+    test::Recorder<std::string> asked;
     client->setMsgFwdHandlerCallback([&](const Poco::JSON::Object&, std::string topic, int qos) {
-        asked = topic + std::to_string(qos);
-        return verdict;
+        asked.add(topic + std::to_string(qos));
+        return verdict.load();
     });
     const auto handle = [&](const std::string& payload) {
         log.clear();
@@ -419,8 +420,8 @@ TEST_F(MqttClientTest, HandsOnlyJsonObjectsToJsonHandlersAndAsksTheGate)
             eventually([&] { return client->GetQueueSize() == 0 && *impl().in_flight_handlers == 0; }));
     };
     handle(R"({"k":"v"})");
-    EXPECT_EQ(seen, std::vector<std::string>{"jv"});
-    EXPECT_EQ(asked, "j2");
+    EXPECT_EQ(seen.all(), std::vector<std::string>{"jv"});
+    EXPECT_EQ(asked.all(), std::vector<std::string>{"j2"});
     for (const unsigned char no : {0, 2}) {
         verdict = no;
         handle(R"({"k":"v"})");
@@ -434,7 +435,7 @@ TEST_F(MqttClientTest, HandsOnlyJsonObjectsToJsonHandlersAndAsksTheGate)
         ASSERT_EQ(log.lines().size(), 1u);
         EXPECT_EQ(log.lines()[0].level, Poco::Message::PRIO_ERROR);
     }
-    EXPECT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen.all().size(), 1u);
 
     client->Unsubscribe("j");
     client->Subscribe(MqttClient::JsonHandler(), "j", 0);

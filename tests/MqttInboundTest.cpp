@@ -264,6 +264,9 @@ TEST_F(MqttInboundDeathTest, TheThirtyThirdBusyHandlerEndsTheProcess)
 
 TEST_F(MqttInboundDeathTest, ClearingAQueueWithEntriesEndsTheProcess)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "this sanitizer's allocator lets the second release of a block pass";
+#endif
     for (const bool by_destruction : {false, true}) {
         for (const std::size_t bytes : {0u, 100u, 100000u}) {
             SCOPED_TRACE(bytes);

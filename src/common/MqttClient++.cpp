@@ -159,6 +159,14 @@ void MqttClient::Impl::PostControlTask(std::function<void()> task)
     control_cv.notify_one();
 }
 
+void MqttClient::Impl::TellConnectResult(int code)
+{
+    std::unique_lock<std::mutex> lock(control_mutex);
+    const auto callback = connect_callback;  // a copy: the host may call Connect again from it
+    lock.unlock();
+    if (callback) callback(code);
+}
+
 void MqttClient::Impl::StartMessageProcessor()
 {
     if (processor_started) return;  // a client keeps its one processor when its handle is replaced
@@ -235,8 +243,11 @@ std::size_t MqttClient::GetDroppedMessages() const
 
 void MqttClient::Connect(std::function<bool(int)> on_connect, std::function<bool(const std::string&)> on_lost)
 {
-    impl->connect_callback = std::move(on_connect);
-    impl->connection_lost_callback = std::move(on_lost);
+    {
+        const std::lock_guard<std::mutex> lock(impl->control_mutex);
+        impl->connect_callback.swap(on_connect);
+        impl->connection_lost_callback.swap(on_lost);
+    }
     // Settled: the task holds the client until it has run, so that a last reference dropped before then ends
     // the client on its own control thread, whose join of itself ends the process.
     impl->PostControlTask([self = shared_from_this()] { self->Connect_l(); });
@@ -325,7 +336,7 @@ void MqttClient::Attempt_l()
             // it.
             KRO_LOG_ERROR("Failed to start connect, return code %d", started);
             impl->connection_state = Disconnected;
-            if (impl->connect_callback) impl->connect_callback(started);
+            impl->TellConnectResult(started);
             return;
         }
         KRO_LOG_INFORMATION("Connect operation started successfully");
@@ -334,7 +345,7 @@ void MqttClient::Attempt_l()
         if (lock.owns_lock()) lock.unlock();
         KRO_LOG_ERROR(std::string("Connect exception: ") + e.what());
         impl->connection_state = Disconnected;
-        if (impl->connect_callback) impl->connect_callback(-1);
+        impl->TellConnectResult(-1);
     }
 }
 
@@ -351,7 +362,7 @@ void MqttClient::OnConnectSuccess(void* context, MQTTAsync_successData* /*respon
     impl.connected = true;
     impl.reconnecting = false;
     KRO_LOG_INFORMATION("MQTT connection established successfully");
-    if (impl.connect_callback) impl.connect_callback(0);
+    impl.TellConnectResult(0);
     impl.PostControlTask([client, weak = client->weak_from_this()] { client->Resubscribe_l(weak); });
 }
 
@@ -367,7 +378,7 @@ void MqttClient::OnConnectFailure(void* context, MQTTAsync_failureData* response
     impl.connected = false;
     impl.reconnecting = false;
     impl.connection_state = Disconnected;
-    if (impl.connect_callback) impl.connect_callback(code);
+    impl.TellConnectResult(code);
     client->ScheduleReconnect("connect failure");
 }
 
@@ -380,7 +391,10 @@ void MqttClient::OnConnectionLost(void* context, char* cause)
     impl.connection_state = Disconnected;
     impl.connected = false;
     impl.reconnecting = false;
-    if (impl.connection_lost_callback) impl.connection_lost_callback(cause == nullptr ? "" : cause);
+    std::unique_lock<std::mutex> lock(impl.control_mutex);
+    const auto lost = impl.connection_lost_callback;
+    lock.unlock();
+    if (lost) lost(cause == nullptr ? "" : cause);
     client->ScheduleReconnect("connection lost");
 }
 

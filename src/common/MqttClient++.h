@@ -66,7 +66,8 @@ public:
     MqttClient& operator=(const MqttClient&) = delete;
 
     /// Stores the two callbacks and starts one attempt to connect, whatever the present state; returns at
-    /// once. Callbacks and setters below take no lock: set them before the first Connect().
+    /// once. May be called again at any time. The setters further down take no lock: use them before the
+    /// first Connect().
     /// @param on_connect  told the result of each attempt, those of reconnections too: 0, Paho's code, or -1.
     /// Runs on
     ///                    a Paho thread (see above); when Paho refuses to start an attempt, on a pool thread

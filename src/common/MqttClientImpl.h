@@ -84,6 +84,9 @@ struct MqttClient::Impl
     /// included.
     void PostControlTask(std::function<void()> task);
 
+    /// Calls connect_callback if it is set; takes control_mutex, and calls with it released.
+    void TellConnectResult(int code);
+
     void StartMessageProcessor();  // client_mutex held
     void ProcessMessages();
     void HandOverFront(std::unique_lock<std::mutex>& queue_lock, HandlerGate& gate);  // queue_mutex held
@@ -112,7 +115,8 @@ struct MqttClient::Impl
     std::mutex client_mutex;     // serialises the use of async_client; held across calls into Paho
     std::mutex subscribe_mutex;  // guards subscribe_map; a leaf
     std::unordered_map<std::string, std::vector<MessageHandler>> subscribe_map;  // filter to its handlers
-    // The callbacks carry no lock: hosts set them before Connect, whose task carries them to the other
+    // Of the callbacks, the two of Connect are guarded by control_mutex, since a host may call it again at
+    // any time. The others carry no lock: hosts set them before Connect, whose task carries them to the other
     // threads.
     std::function<bool(int)> connect_callback;
     std::function<bool(const std::string&)> connection_lost_callback;
@@ -141,7 +145,8 @@ struct MqttClient::Impl
     std::atomic<std::size_t> memory_usage{0};  // sum of the costs in message_queue
     std::atomic<std::size_t> dropped_messages{0};
     std::deque<std::function<void()>> control_tasks;
-    std::mutex control_mutex;  // guards control_tasks, and the change of control_running; a leaf
+    std::mutex
+        control_mutex;  // guards control_tasks, the change of control_running, Connect's callbacks; a leaf
     std::condition_variable control_cv;
     std::atomic<bool> control_running{true};
     std::thread control_thread;

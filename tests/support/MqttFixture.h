@@ -5,6 +5,7 @@
 
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +20,28 @@ namespace kro
 {
 namespace test
 {
+/// What a callback was told, on whatever thread.
+template <typename T>
+class Recorder
+{
+public:
+    bool add(T value)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        values.push_back(std::move(value));
+        return true;
+    }
+    std::vector<T> all() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return values;
+    }
+
+private:
+    mutable std::mutex mutex;  // guards values
+    std::vector<T> values;
+};
+
 /// A client on the fake of Paho.
 class MqttFixture : public testing::Test
 {
@@ -46,8 +69,8 @@ protected:
     void connect()
     {
         create();
-        client->Connect([this](int code) { return results.push_back(code), true; },
-                        [this](const std::string& cause) { return losses.push_back(cause), true; });
+        client->Connect([this](int code) { return results.add(code); },
+                        [this](const std::string& cause) { return losses.add(cause); });
         ASSERT_TRUE(eventually([&] { return log.countPrefix("Re-subscribing after reconnection") == 1; }));
     }
 
@@ -66,8 +89,8 @@ protected:
 
     FakePaho& paho = FakePaho::instance();
     LogCapture& log = LogCapture::instance();
-    std::vector<int> results;         // written on Paho's thread, read when it is quiet
-    std::vector<std::string> losses;  // likewise
+    Recorder<int> results;
+    Recorder<std::string> losses;
     std::shared_ptr<MqttClient> client;
 };
 }  // namespace test
