@@ -58,8 +58,13 @@ protected:
         log.setHook({});
         for (const char* const function : {"create", "connect", "disconnect", "subscribe", "send"})
             paho.onCall(function, {});
-        if (client) Access::release(*client);
-        client.reset();
+        if (client) {
+            Access::release(*client);
+            // A task that still holds the client would end it on a pool thread, beside the end of the
+            // process.
+            EXPECT_TRUE(eventually([this] { return client.use_count() == 1; }));
+            client.reset();
+        }
         EXPECT_EQ(paho.unfreed(), 0) << "each message and topic is freed once";
     }
 
