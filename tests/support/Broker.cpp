@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -51,7 +52,7 @@ bool accepts(int port)
 
 Broker::Broker() : port(freePort())
 {
-    char name[] = "/tmp/kro-broker-XXXXXX";
+    char name[] = "/media/broker-XXXXXX";  // a tmpfs of this process, so that nothing outlives a crash
     if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder for the broker");
     folder = name;
     const std::string make_user = "mosquitto_passwd -b -c " + folder + "/users user secret 2>/dev/null";
@@ -74,6 +75,7 @@ void Broker::start()
 {
     process = fork();
     if (process == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // a crash of the test ends the broker too
         execlp("mosquitto", "mosquitto", "-c", (folder + "/conf").c_str(), nullptr);
         std::_Exit(127);
     }
