@@ -537,8 +537,7 @@ void MqttClient::Subscribe_l(const MessageHandler& handler, const std::string& t
 void MqttClient::Subscribe(JsonHandler handler, std::string topic, int qos)
 {
     MessageHandler wrapper = [this, handler = std::move(handler), qos](MQTTAsync_message* message,
-                                                                       const std::string& received_topic) {
-        const std::string message_topic = received_topic;
+                                                                       const std::string& message_topic) {
         if (message == nullptr || message->payload == nullptr || message->payloadlen <= 0) return;
         try {
             const Poco::JSON::Object::Ptr object = parseObject(payloadText(message));
@@ -556,6 +555,7 @@ void MqttClient::Subscribe(JsonHandler handler, std::string topic, int qos)
     Subscribe(std::move(wrapper), std::move(topic), qos);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): hosts are compiled against this signature
 void MqttClient::Unsubscribe(std::string topic)
 {
     try {
@@ -586,6 +586,7 @@ void MqttClient::Unsubscribe(std::string topic)
 
 // ---- Publishing ----
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): likewise
 bool MqttClient::PublishMessage(std::string payload, std::string topic, int qos, int retained,
                                 int /*reserved*/)
 {
