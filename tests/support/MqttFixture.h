@@ -76,7 +76,8 @@ protected:
         create();
         client->Connect([this](int code) { return results.add(code); },
                         [this](const std::string& cause) { return losses.add(cause); });
-        ASSERT_TRUE(eventually([&] { return log.countPrefix("Re-subscribing after reconnection") == 1; }));
+        ASSERT_TRUE(eventually([&] { return log.countPrefix("Re-subscribing after reconnection") >= 1; }))
+            << testing::PrintToString(log.lines()) << testing::PrintToString(paho.calls());
     }
 
     Access::Impl& impl() { return Access::impl(*client); }
