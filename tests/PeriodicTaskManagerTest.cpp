@@ -175,6 +175,7 @@ TEST_F(PeriodicTaskManagerTest, HandsOverWhatIsDueAndNothingTwiceAtATime)
     const unsigned int due = add(*manager, 1h, [&] { ++runs, released.wait(); });
     const unsigned int early = add(*manager, 1h, [] { ADD_FAILURE() << "its period is not over"; });
     const unsigned int endless = add(*manager, std::chrono::milliseconds::max(), [] {});
+    Access::record(*manager, early)->task_last_run -= 59min;
     hurry();
     makeDue(due);
     Access::pass(*manager);
@@ -361,9 +362,12 @@ TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyWhileTheMonitorIsAtWork)
             auto& manager = PeriodicTaskManager::getInstance();
             for (int t = 0; t < 6; ++t) add(manager, 1ms, [] { std::this_thread::sleep_for(300us); });
             add(manager, 2ms, [] { throw std::runtime_error("at exit too"); });
-            static std::atomic<unsigned int> watched{0};  // one watch that would sleep on for a day
-            watched = add(
-                manager, 1ms, [] { PeriodicTaskManager::getInstance().cancelTask(watched); }, 24h);
+            static std::atomic<unsigned int> watched{0};  // its one run leaves a watch that sleeps for a day
+            const auto once = [] {
+                std::this_thread::sleep_for(3ms);
+                PeriodicTaskManager::getInstance().cancelTask(watched);
+            };
+            watched = add(manager, 1ms, once, 24h);
             manager.startPeriodMonitorTask();
             std::this_thread::sleep_for(std::chrono::microseconds(i * 731));
             std::exit(0);

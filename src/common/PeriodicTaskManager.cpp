@@ -93,18 +93,18 @@ void PeriodicTaskManager::awaitThreads_l()
 {
     // The patience that POCO's pool, too, has with each of its threads when it is destroyed.
     const auto deadline = steady_clock::now() + std::chrono::seconds(10);
-    std::unique_lock<std::mutex> lock(exit_gate->mutex);
-    exit_gate->closing = true;
-    exit_gate->changed.notify_all();
-    exit_gate->changed.wait_until(lock, deadline, [this] { return exit_gate->monitors == 0; });
-    // A run that called exit() is under way for ever, and never returns to what goes here. The pool has no
-    // event with a deadline to wait for, and only it knows when a thread is through with its adapter.
-    const int own = s_inside_run ? 1 : 0;
-    while (thread_pool.used() > own && steady_clock::now() < deadline) {
-        lock.unlock();
-        std::this_thread::sleep_for(milliseconds(1));
-        lock.lock();
+    {
+        std::unique_lock<std::mutex> lock(exit_gate->mutex);
+        exit_gate->closing = true;
+        exit_gate->changed.notify_all();
+        exit_gate->changed.wait_until(lock, deadline, [this] { return exit_gate->monitors == 0; });
     }
+    // Only the pool knows when a thread is through with its adapter, and has no event with a deadline to wait
+    // for. A run that has called exit() is on this thread, and never returns to what goes here.
+    const int own = s_inside_run ? 1 : 0;
+    while (thread_pool.used() > own && steady_clock::now() < deadline)
+        std::this_thread::sleep_for(milliseconds(1));
+    const std::lock_guard<std::mutex> lock(exit_gate->mutex);
     exit_gate->abandoned = true;
 }
 

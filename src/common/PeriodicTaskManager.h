@@ -26,7 +26,7 @@ enum TaskStatus : std::int32_t
     TASK_IDLE = 0,       ///< waits for its period to run out
     TASK_RUNNING = 1,    ///< handed to the pool, or executing
     TASK_FINISHED = 2,   ///< a run has just ended; TASK_IDLE follows at once
-    TASK_TIMEOUT = 3,    ///< a run began too late for its time-out; never runs again, but stays listed
+    TASK_TIMEOUT = 3,    ///< a run was found to be late; never runs again, but stays listed
     TASK_CANCELLED = 4,  ///< goes at the monitor's next pass
     TASK_NOT_FOUND = 5   ///< the answer for an unknown id
 };
@@ -70,11 +70,12 @@ struct TaskContext
 class KRO_API PeriodicTaskManager : public std::enable_shared_from_this<PeriodicTaskManager>
 {
 public:
-    /// @return the process's one manager, made at the first call; nothing runs before
-    /// startPeriodMonitorTask().
-    ///         It ends with the process: exit() wakes its sleeping threads, waits for functions that are
-    ///         running (10 s for all of them together, and then POCO's 10 s for each thread that still runs
-    ///         one), and starts nothing any more. So a function must not wait for what is gone by then.
+    /// The first call makes the manager; nothing runs before startPeriodMonitorTask(). It is a static object
+    /// and ends with the process, so make what the functions use before it. exit() may come at any moment: it
+    /// starts nothing any more, ends the sleep of the monitor and of watches, and waits for functions that
+    /// are running, 10 s for all of them and then POCO's 10 s for each thread that still runs one. A function
+    /// that calls exit() itself is such a one.
+    /// @return the process's one manager.
     static PeriodicTaskManager& getInstance();
     PeriodicTaskManager(const PeriodicTaskManager&) = delete;
     PeriodicTaskManager& operator=(const PeriodicTaskManager&) = delete;
@@ -83,17 +84,17 @@ public:
     /// @param name     for the listing and the pool's thread; need not be unique.
     /// @param period   at least 1 ms, from one hand-over to the next.
     /// @param func     runs on a pool thread, never twice at a time.
-    /// @param timeout  of one run; 0 or less for none. It is looked at once, when a run begins: only a run
-    /// whose
-    ///                 watch gets its thread after the time-out has passed is found to be late. The task then
-    ///                 never runs again. A function is not interrupted in any case.
+    /// @param timeout  of one run; 0 or less for none. It is looked at once, when a run begins: only if the
+    ///                 watch gets its thread after the time-out has passed is the run found to be late, and
+    ///                 its task never runs again. The function goes on in any case.
     /// @return the task's id, from 1 up; 0 if the period or the function is refused, which is logged.
     /// @throws std::system_error if the table's mutex can't be locked.
     unsigned int registerTask(std::string& name, std::chrono::milliseconds period, std::function<void()> func,
                               std::chrono::milliseconds timeout);
 
     /// Ends a task: it isn't started again, and leaves the table at the monitor's next pass. A run under way
-    /// goes on to its end. Cancel once: see the note at the definition on cancelling twice.
+    /// goes on to its end. Cancel once: a second call before that pass makes the monitor forget the period of
+    /// another task with an equal one, and perhaps wake too seldom for it.
     /// @return true if the id was in the table.
     bool cancelTask(unsigned int task_id);
 
@@ -137,12 +138,12 @@ private:
 
     friend struct PeriodicTaskManagerTestAccess;
 
-    // No std::shared_ptr owns the pool, so every started run leaves its adapter, and a share in its record,
-    // in it.
+    // No std::shared_ptr owns the pool: every started run leaves its adapter in it, with a share in its
+    // record.
     ThreadPool thread_pool;
     std::unordered_map<unsigned int, std::shared_ptr<TaskContext>> tasks;  // by id
-    mutable std::mutex
-        tasks_mutex;  // guards tasks, task_periods and the times of records; held while logging
+    // Guards tasks, task_periods and the times of records; held while logging. No call to the pool under it.
+    mutable std::mutex tasks_mutex;
     std::atomic<unsigned int> next_task_id{1};        // taken before the lock
     std::chrono::milliseconds monitor_interval{500};  // of the monitor thread alone
     std::thread monitor_thread;                       // detached as soon as it is started
