@@ -1,0 +1,380 @@
+#include "PeriodicTaskManager.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <future>
+#include <stdexcept>
+
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
+
+namespace kro
+{
+struct PeriodicTaskManagerTestAccess
+{
+    struct Delete
+    {
+        void operator()(PeriodicTaskManager* manager) const { delete manager; }
+    };
+    static PeriodicTaskManager* make() { return new PeriodicTaskManager; }
+    static ThreadPool& pool(PeriodicTaskManager& manager) { return manager.thread_pool; }
+    static std::multiset<unsigned long>& periods(PeriodicTaskManager& manager)
+    {
+        return manager.task_periods;
+    }
+    static void setNextId(PeriodicTaskManager& manager, unsigned int id) { manager.next_task_id = id; }
+    static auto interval(PeriodicTaskManager& manager) { return manager.monitor_interval.count(); }
+    static std::shared_ptr<TaskContext> record(PeriodicTaskManager& manager, unsigned int id)
+    {
+        const std::lock_guard<std::mutex> lock(manager.tasks_mutex);
+        return manager.tasks.at(id);
+    }
+    static void pass(PeriodicTaskManager& manager) { manager.monitorPeriodTasks(); }
+    static void handOver(PeriodicTaskManager& manager, const std::shared_ptr<TaskContext>& task)
+    {
+        manager.executeTaskWithTimeout(task);
+    }
+    static void watch(PeriodicTaskManager& manager, const std::shared_ptr<TaskContext>& task)
+    {
+        manager.timeoutMonitor(task);
+    }
+    static void cleanUp(PeriodicTaskManager& manager) { manager.cleanUpTasks(); }
+    static void adjust(PeriodicTaskManager& manager) { manager.adjustMonitorInterval(); }
+};
+
+namespace
+{
+using namespace std::chrono_literals;
+using test::LogCapture;
+using Access = PeriodicTaskManagerTestAccess;
+using Periods = std::multiset<unsigned long>;
+
+unsigned int add(PeriodicTaskManager& manager, std::chrono::milliseconds period, std::function<void()> func,
+                 std::chrono::milliseconds timeout = 0ms)
+{
+    std::string name = "x";
+    return manager.registerTask(name, period, std::move(func), timeout);
+}
+
+class PeriodicTaskManagerTest : public testing::Test
+{
+protected:
+    PeriodicTaskManagerTest() { LogCapture::instance().clear(); }
+    ~PeriodicTaskManagerTest() override { release(); }
+
+    /// Lets everything end that waits for `released`.
+    void release()
+    {
+        if (!open) gate.set_value();
+        open = true;
+    }
+    /// Makes a task due, whatever its period.
+    void makeDue(unsigned int id)
+    {
+        const auto task = Access::record(*manager, id);
+        task->task_last_run -= task->task_period;
+    }
+    /// Lets passes sleep for 10 ms only.
+    void hurry() { Access::periods(*manager).insert(1); }
+    bool idlePool()
+    {
+        return test::eventually([&] { return Access::pool(*manager).used() == 0; });
+    }
+    static std::vector<test::LogLine> lines() { return LogCapture::instance().lines(); }
+
+    const std::unique_ptr<PeriodicTaskManager, Access::Delete> manager{Access::make()};
+    std::promise<void> gate;
+    const std::shared_future<void> released = gate.get_future().share();
+    bool open = false;
+};
+
+TEST_F(PeriodicTaskManagerTest, CountsIdsFromOneAndUsesNoneForARefusal)
+{
+    EXPECT_EQ(add(*manager, 5ms, [] {}), 1u);
+    EXPECT_EQ(add(*manager, 0ms, [] {}), 0u);
+    EXPECT_EQ(add(*manager, -1ms, [] {}), 0u);
+    EXPECT_EQ(add(*manager, 5ms, {}), 0u);
+    EXPECT_EQ(add(*manager, 1ms, [] {}), 2u) << "the shortest period there is, and a name that exists";
+    EXPECT_EQ(manager->getTaskCount(), 2u);
+    EXPECT_EQ(lines(),
+              (std::vector{test::information("registerTask task name: x, period: lu count: [ERRFMT]"),
+                           test::error("period error period: lu"), test::error("period error period: lu"),
+                           test::error("task Func is nullptr!"),
+                           test::information("registerTask task name: x, period: lu count: [ERRFMT]")}))
+        << "as the prescribed argument types print";
+}
+
+TEST_F(PeriodicTaskManagerTest, KeepsACancelledTaskUntilTheCleanUp)
+{
+    const unsigned int id = add(*manager, 5ms, [] {});
+    LogCapture::instance().clear();
+    EXPECT_FALSE(manager->cancelTask(id + 1));
+    EXPECT_TRUE(lines().empty());
+    EXPECT_TRUE(manager->cancelTask(id));
+    EXPECT_EQ(manager->getTaskStatus(id), TASK_CANCELLED);
+    EXPECT_EQ(manager->getTaskCount(), 1u);
+    Access::cleanUp(*manager);
+    EXPECT_EQ(manager->getTaskCount(), 0u);
+    EXPECT_EQ(manager->getTaskStatus(id), TASK_NOT_FOUND);
+    EXPECT_FALSE(manager->cancelTask(id));
+    EXPECT_EQ(lines(), (std::vector{test::information("cancelTask id: [ERRFMT], period: lu, count: lu"),
+                                    test::error("Task ID [lu] not found!")}));
+}
+
+TEST_F(PeriodicTaskManagerTest, ErasesThePeriodOfAnotherTaskOnASecondCancel)
+{
+    const unsigned int first = add(*manager, 5ms, [] {});
+    for (const auto period : {5ms, 5ms, 7ms}) add(*manager, period, [] {});
+    for (const Periods& left : {Periods{5, 5, 7}, Periods{5, 7}, Periods{7}, Periods{7}}) {
+        EXPECT_TRUE(manager->cancelTask(first));
+        EXPECT_EQ(Access::periods(*manager), left);
+    }
+    EXPECT_EQ(manager->getTaskCount(), 4u);
+}
+
+TEST_F(PeriodicTaskManagerTest, ListsToTheByte)
+{
+    Access::setNextId(*manager, 7);
+    add(*manager, 1000ms, [] {});
+    std::stringstream listing;
+    listing << "before ";
+    manager->showAllTaskInfo(listing);
+    EXPECT_EQ(listing.str(), "before task id   name  period    timout    status \n7  x  1000ms  0ms 0\n");
+    std::string name = "a b";
+    manager->registerTask(
+        name, 2ms, [] {}, -1ms);
+    manager->cancelTask(8);
+    listing.str("");
+    manager->showAllTaskInfo(listing);
+    EXPECT_NE(listing.str().find("\n8  a b  2ms  -1ms 4\n"), std::string::npos) << listing.str();
+}
+
+TEST_F(PeriodicTaskManagerTest, LogsWhatAFunctionThrowsAndKeepsTheTaskScheduled)
+{
+    const std::vector<std::function<void()>> functions{[] {}, [] { throw std::runtime_error("why"); },
+                                                       [] { throw 5; }};
+    for (const auto& function : functions) {
+        const auto task = Access::record(*manager, add(*manager, 5ms, function));
+        for (const TaskStatus before : {TASK_RUNNING, TASK_CANCELLED, TASK_TIMEOUT}) {
+            task->task_status = before;
+            task->task_abort = before != TASK_RUNNING;
+            manager->executeTask(task);
+            EXPECT_EQ(task->task_status, before == TASK_RUNNING ? TASK_IDLE : before);
+        }
+    }
+    EXPECT_EQ(LogCapture::instance().count(test::error("Task id: [ERRFMT], execution failed: [ERRFMT]")), 3u);
+    EXPECT_EQ(LogCapture::instance().count(test::error("Task id: [ERRFMT], unknown execution error")), 3u);
+}
+
+TEST_F(PeriodicTaskManagerTest, HandsOverWhatIsDueAndNothingTwiceAtATime)
+{
+    std::atomic<int> runs{0};
+    const unsigned int due = add(*manager, 1h, [&] { ++runs, released.wait(); });
+    const unsigned int early = add(*manager, 1h, [] { ADD_FAILURE() << "its period is not over"; });
+    const unsigned int endless = add(*manager, std::chrono::milliseconds::max(), [] {});
+    Access::record(*manager, early)->task_last_run -= 59min;
+    hurry();
+    makeDue(due);
+    Access::pass(*manager);
+    EXPECT_TRUE(test::eventually([&] { return runs == 1; }));
+    EXPECT_EQ(manager->getTaskStatus(due), TASK_RUNNING);
+    makeDue(due);
+    Access::pass(*manager);
+    EXPECT_EQ(Access::pool(*manager).used(), 1) << "a task that runs is skipped";
+    release();
+    EXPECT_TRUE(test::eventually([&] { return manager->getTaskStatus(due) == TASK_IDLE; }));
+    for (int i = 0; i < 3; ++i) Access::pass(*manager);
+    ASSERT_TRUE(idlePool());
+    EXPECT_EQ(runs, 2) << "what was missed is not made up";
+    EXPECT_EQ(manager->getTaskStatus(early), TASK_IDLE);
+    EXPECT_EQ(manager->getTaskStatus(endless), TASK_IDLE);
+}
+
+TEST_F(PeriodicTaskManagerTest, LetsARunThatIsCancelledEndAndForgetsItsTask)
+{
+    std::atomic<bool> began{false};
+    const unsigned int id = add(*manager, 1h, [&] { began = true, released.wait(); });
+    const auto task = Access::record(*manager, id);
+    Access::handOver(*manager, task);
+    ASSERT_TRUE(test::eventually([&] { return began.load(); }));
+    manager->cancelTask(id);
+    release();
+    ASSERT_TRUE(idlePool());
+    EXPECT_EQ(manager->getTaskStatus(id), TASK_CANCELLED);
+    hurry();
+    Access::pass(*manager);
+    EXPECT_EQ(manager->getTaskCount(), 0u);
+}
+
+TEST_F(PeriodicTaskManagerTest, DoesNotRunATaskThatIsCancelledBeforeItBegins)
+{
+    const auto task = Access::record(*manager, add(*manager, 1h, [] { ADD_FAILURE() << "must not run"; }));
+    task->task_status = TASK_RUNNING;
+    task->task_abort = true;
+    Access::handOver(*manager, task);
+    ASSERT_TRUE(idlePool());
+    EXPECT_EQ(task->task_status, TASK_CANCELLED);
+}
+
+TEST_F(PeriodicTaskManagerTest, TakesATenthOfTheShortestPeriodAndLogsByItsRule)
+{
+    const struct
+    {
+        std::vector<unsigned long> periods;
+        long interval_ms;
+        std::size_t lines_in_three_passes;
+    } rows[] = {{{}, 2000, 3},           {{50}, 10, 3},      {{99}, 10, 3},      {{100}, 10, 1},
+                {{1000, 40000}, 100, 1}, {{20009}, 2000, 1}, {{20010}, 2000, 3}, {{30000, 30000}, 2000, 3},
+                {{5000}, 500, 0}};
+    for (const auto& row : rows) {
+        const std::unique_ptr<PeriodicTaskManager, Access::Delete> fresh(Access::make());
+        Access::periods(*fresh).insert(row.periods.begin(), row.periods.end());
+        LogCapture::instance().clear();
+        for (int i = 0; i < 3; ++i) Access::adjust(*fresh);
+        EXPECT_EQ(Access::interval(*fresh), row.interval_ms);
+        EXPECT_EQ(LogCapture::instance().count(test::information("Adjust monitor interval to lu ms")),
+                  row.lines_in_three_passes)
+            << "interval " << row.interval_ms;
+    }
+}
+
+TEST_F(PeriodicTaskManagerTest, LooksOnceAndDeclaresNoTimeOutForARunThatIsWatchedInTime)
+{
+    const unsigned int id = add(
+        *manager, 1h, [&] { released.wait(); }, 500ms);
+    const auto task = Access::record(*manager, id);
+    LogCapture::instance().clear();
+    task->task_status = TASK_RUNNING;
+    Access::handOver(*manager, task);
+    ASSERT_TRUE(test::eventually([&] { return Access::pool(*manager).used() == 2; }));
+    ASSERT_TRUE(test::eventually([&] { return Access::pool(*manager).used() == 1; }))
+        << "the watch has ended";
+    EXPECT_EQ(task->task_status, TASK_RUNNING) << "without a verdict, though the time-out has passed";
+    EXPECT_FALSE(task->task_abort);
+    release();
+    ASSERT_TRUE(idlePool());
+    EXPECT_EQ(task->task_status, TASK_IDLE);
+    EXPECT_TRUE(lines().empty());
+}
+
+TEST_F(PeriodicTaskManagerTest, KeepsATaskThatTimedOutInTheTableForGood)
+{
+    const unsigned int id = add(
+        *manager, 7ms, [] {}, 20ms);
+    const auto task = Access::record(*manager, id);
+    LogCapture::instance().clear();
+    task->task_status = TASK_RUNNING;
+    task->task_exec_start = std::chrono::steady_clock::now() - 20ms;  // so the watch comes too late
+    Access::watch(*manager, task);
+    ASSERT_TRUE(idlePool());
+    EXPECT_EQ(lines(), std::vector{test::error("Task id: [ERRFMT], timeout: lu - will be deleted")});
+    EXPECT_TRUE(task->task_abort);
+    manager->executeTask(task);
+    EXPECT_EQ(manager->getTaskStatus(id), TASK_TIMEOUT) << "the run that goes on leaves the state";
+    makeDue(id);
+    Access::pass(*manager);
+    ASSERT_TRUE(idlePool());
+    EXPECT_EQ(Access::periods(*manager), Periods{7});
+    EXPECT_TRUE(manager->cancelTask(id));
+    EXPECT_EQ(Access::periods(*manager), Periods{});
+    Access::cleanUp(*manager);
+    EXPECT_EQ(manager->getTaskStatus(id), TASK_TIMEOUT);
+}
+
+TEST_F(PeriodicTaskManagerTest, LosesATaskWhoseWatchIsRefused)
+{
+    for (int i = 0; i < 31; ++i) Access::pool(*manager).start([held = released] { held.wait(); });
+    const unsigned int id = add(
+        *manager, 7ms, [] { ADD_FAILURE() << "the run is lost"; }, 1h);
+    LogCapture::instance().clear();
+    makeDue(id);
+    Access::pass(*manager);
+    ASSERT_TRUE(test::eventually([&] { return Access::pool(*manager).used() == 31; }));
+    EXPECT_TRUE(LogCapture::instance().has(test::error("exception: No thread available")));
+    EXPECT_TRUE(LogCapture::instance().has(test::error("No thread available")));
+    release();
+    ASSERT_TRUE(idlePool());
+    makeDue(id);
+    Access::pass(*manager);
+    EXPECT_EQ(manager->getTaskStatus(id), TASK_RUNNING) << "never due again";
+    EXPECT_EQ(Access::pool(*manager).used(), 0);
+}
+
+TEST_F(PeriodicTaskManagerTest, RunsFromStartToStopAndAgain)
+{
+    std::atomic<int> runs{0};
+    std::atomic<int> inside{0};
+    const auto once_at_a_time = [&] {
+        EXPECT_EQ(++inside, 1);
+        std::this_thread::sleep_for(3ms);
+        --inside;
+        ++runs;
+    };
+    const unsigned int id = add(*manager, 1ms, once_at_a_time);
+    for (int round = 0; round < 2; ++round) {
+        runs = 0;
+        manager->startPeriodMonitorTask();
+        EXPECT_TRUE(test::eventually([&] { return runs >= 5; }));
+        manager->stopPeriodMonitorTask();
+        EXPECT_TRUE(test::eventually([&] {  // a line at each pass tells that there is none any more
+            const auto passes = lines().size();
+            std::this_thread::sleep_for(50ms);
+            return lines().size() == passes;
+        }));
+        EXPECT_TRUE(test::eventually([&] { return manager->getTaskStatus(id) == TASK_IDLE; }));
+    }
+}
+
+TEST_F(PeriodicTaskManagerTest, LetsFunctionsCallBackAndDropsTheirCapturesOutsideItsLock)
+{
+    auto calls_back = std::shared_ptr<int>(new int, [this](const int* number) {
+        delete number;
+        manager->getTaskCount();
+    });
+    const unsigned int id = add(*manager, 1h, [calls = std::move(calls_back)] {});
+    manager->cancelTask(id);
+    std::atomic<unsigned int> own{0};
+    own = add(*manager, 1ms, [&] { EXPECT_TRUE(manager->cancelTask(own)); });
+    Access::cleanUp(*manager);
+    manager->startPeriodMonitorTask();
+    EXPECT_TRUE(test::eventually([&] { return manager->getTaskCount() == 0; }));
+}
+
+TEST(PeriodicTaskManagerDeathTest, EndsTheProcessWhenThePoolIsFull)
+{
+    const auto overload = [] {
+        auto& manager = PeriodicTaskManager::getInstance();
+        for (int i = 0; i < 33; ++i) add(manager, 1ms, [] { pause(); });
+        manager.startPeriodMonitorTask();
+        pause();
+    };
+    EXPECT_EXIT(overload(), testing::KilledBySignal(SIGABRT), "NoThreadAvailable");
+}
+
+// A host that forgets to stop the monitor, and ends at any moment of its passes, sleeps, runs and watches.
+TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyWhileTheMonitorIsAtWork)
+{
+    for (int i = 0; i < 40; ++i) {
+        const auto work_and_exit = [i] {
+            auto& manager = PeriodicTaskManager::getInstance();
+            for (int t = 0; t < 6; ++t) add(manager, 1ms, [] { std::this_thread::sleep_for(300us); });
+            add(manager, 2ms, [] { throw std::runtime_error("at exit too"); });
+            static std::atomic<unsigned int> watched{0};  // its one run leaves a watch that sleeps for a day
+            const auto once = [] {
+                std::this_thread::sleep_for(3ms);
+                PeriodicTaskManager::getInstance().cancelTask(watched);
+            };
+            watched = add(manager, 1ms, once, 24h);
+            manager.startPeriodMonitorTask();
+            std::this_thread::sleep_for(std::chrono::microseconds(i * 731));
+            std::exit(0);
+        };
+        EXPECT_EXIT(work_and_exit(), testing::ExitedWithCode(0), "");
+    }
+}
+
+}  // namespace
+}  // namespace kro
