@@ -60,8 +60,7 @@ void guarded(const std::string& url, const HttpResponseCallback& callback, Reque
 void get(const std::string& url, const HttpResponseCallback& callback)
 {
     const Poco::URI uri(url);
-    const std::string host = uri.getHost();
-    HTTPClientSession session(host, uri.getPort());
+    HTTPClientSession session(uri.getHost(), uri.getPort());
     HTTPRequest request(HTTPRequest::HTTP_GET, uri.getPathAndQuery(), HTTPMessage::HTTP_1_1);
     setTimeouts(session);
     session.sendRequest(request);
@@ -138,6 +137,7 @@ void HttpClient::doHttpRequestSync(std::string url, std::string body, HttpRespon
     guarded(url, callback, [&] { postText(url, body, callback); });
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): every operation of the interface takes by value
 void HttpClient::do_http_request(std::string url, HttpResponseCallback callback)
 {
     get(url, callback);

@@ -34,7 +34,7 @@ HttpServer::HttpServer(const Poco::Net::ServerSocket& socket,
 {
     const Poco::SharedPtr<Poco::Net::HTTPRequestHandlerFactory> factory(
         new RequestHandlerFactory(std::move(callback)));
-    server = std::make_unique<Poco::Net::HTTPServer>(factory, socket, params);
+    server = std::make_unique<Poco::Net::HTTPServer>(factory, socket, std::move(params));
 }
 
 HttpServer::~HttpServer() = default;
