@@ -12,6 +12,7 @@
 #include <Poco/ErrorHandler.h>
 #include <Poco/Exception.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/ThreadPool.h>
 
 #include "support/Eventually.h"
 #include "support/RawHttp.h"
@@ -27,6 +28,11 @@ using test::Peer;
 class HttpServerTest : public testing::Test
 {
 protected:
+    ~HttpServerTest() override
+    {
+        Poco::ThreadPool::defaultPool()
+            .joinAll();  // of POCO's threads none may be serving when the program ends
+    }
     std::shared_ptr<HttpServer> serve(RequestCallback callback)
     {
         auto server =

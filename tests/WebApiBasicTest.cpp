@@ -17,6 +17,7 @@
 #include <Poco/PipeStream.h>
 #include <Poco/Process.h>
 #include <Poco/StreamCopier.h>
+#include <Poco/ThreadPool.h>
 
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
@@ -95,7 +96,12 @@ protected:
                       });
         LogCapture::instance().clear();
     }
-    ~WebApiBasicTest() override { api.stop(); }
+    ~WebApiBasicTest() override
+    {
+        api.stop();
+        Poco::ThreadPool::defaultPool()
+            .joinAll();  // of POCO's threads none may be serving when the program ends
+    }
 
     void start() { api.start(socket); }
     Poco::UInt16 port() const { return socket.address().port(); }

@@ -49,6 +49,10 @@ public:
         while (lookups != 0) std::this_thread::yield();
     }
 
+    /// Orders the caller's writes to the table after the look-ups so far and before those to come, as the
+    /// language wants it of a registration that no request meets. It waits for nobody.
+    void settle() { lookups.fetch_add(0); }
+
     /// Destroys `table`: now, or with the last request in flight, which may run a handler that stands in it.
     void retire(Table table)
     {
@@ -228,47 +232,58 @@ void WebApiBasic::dispatch(HTTPServerRequest& request, HTTPServerResponse& respo
     logged([&] { (*handler)(request, response, paramsOf(uri)); });
 }
 
+void WebApiBasic::store(std::string uri, ApiHandler handler)
+{
+    TableUse::Table replaced;
+    TableUse::instance().settle();
+    if (auto entry = api_handlers.extract(uri)) replaced.insert(std::move(entry));
+    api_handlers.emplace(std::move(uri), std::move(handler));
+    TableUse::instance().settle();
+    if (!replaced.empty()) TableUse::instance().retire(std::move(replaced));
+}
+
 void WebApiBasic::apiRegist(std::string uri)
 {
-    api_handlers[std::move(uri)] = [this](HTTPServerRequest&, HTTPServerResponse& response,
-                                          const ApiParams&) { apiSuccess(response); };
+    store(std::move(uri), [this](HTTPServerRequest&, HTTPServerResponse& response, const ApiParams&) {
+        apiSuccess(response);
+    });
 }
 
 void WebApiBasic::apiRegist(std::string uri, ApiHandler handler)
 {
     KRO_LOG_INFORMATION("web api regist: %s", uri);
-    api_handlers[std::move(uri)] = std::move(handler);
+    store(std::move(uri), std::move(handler));
 }
 
 void WebApiBasic::apiRegist(std::string uri, ApiResultHandler handler)
 {
     KRO_LOG_INFORMATION("web api regist: %s", uri);
-    api_handlers[std::move(uri)] = [this, handler = std::move(handler)](HTTPServerRequest& request,
-                                                                        HTTPServerResponse& response,
-                                                                        const ApiParams& params) {
-        announceJson(response);
-        if (!handler) {
-            apiNotFound(response);
-            return;
-        }
-        answerResult(response,
-                     [&](Poco::JSON::Object& result) { handler(request, response, params, result); });
-    };
+    store(std::move(uri),
+          [this, handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
+                                               const ApiParams& params) {
+              announceJson(response);
+              if (!handler) {
+                  apiNotFound(response);
+                  return;
+              }
+              answerResult(response,
+                           [&](Poco::JSON::Object& result) { handler(request, response, params, result); });
+          });
 }
 
 void WebApiBasic::apiRegist(std::string uri, ApiBodyHandler handler)
 {
     KRO_LOG_INFORMATION("web api regist: %s", uri);
-    api_handlers[std::move(uri)] = [this, handler = std::move(handler)](HTTPServerRequest& request,
-                                                                        HTTPServerResponse& response,
-                                                                        const ApiParams& params) {
+    store(std::move(uri), [this, handler = std::move(handler)](HTTPServerRequest& request,
+                                                               HTTPServerResponse& response,
+                                                               const ApiParams& params) {
         announceJson(response);
         // Settled: a body that is no JSON object is an exception, logged once by the dispatcher, and not
         // bodyNotFound().
         Poco::JSON::Parser parser(new Poco::JSON::ParseHandler);
         parser.parse(request.stream());
         answerBody(handler, request, response, params, parser.result().extract<Poco::JSON::Object::Ptr>());
-    };
+    });
 }
 
 void WebApiBasic::answerBody(const ApiBodyHandler& handler, HTTPServerRequest& request,

@@ -93,6 +93,7 @@ private:
     WebApiBasic() = default;
     void dispatch(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
     const ApiHandler* findHandler(const std::string& path) const;  // null if there is none, or when stopped
+    void store(std::string uri, ApiHandler handler);
     void retireTable();
     void answerBody(const ApiBodyHandler& handler, Poco::Net::HTTPServerRequest& request,
                     Poco::Net::HTTPServerResponse& response, const ApiParams& params,
