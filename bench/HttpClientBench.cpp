@@ -1,16 +1,17 @@
-// The HTTP client beside its limit, a raw socket that connects for each request and sends the same bytes.
+// The HTTP client beside its limits: a raw socket that connects for each request and sends the same bytes,
+// and the same socket with the client's time-outs set on it, which no client that keeps them can leave out.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
 #include <future>
 #include <istream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
-#include <Poco/StreamCopier.h>
 #include <Poco/Timespan.h>
 
 #include "HttpClient.h"
@@ -59,26 +60,45 @@ OneShotServer& server()
 }
 
 const kro::HttpResponseCallback kRead = [](auto status, std::istream& body) {
-    std::string text;
-    Poco::StreamCopier::copyToString(body, text);
-    if (status != 200 || text.size() != 11) throw std::runtime_error("a wrong answer");
+    char text[64];
+    body.read(text, sizeof text);
+    if (status != 200 || body.gcount() != 11) throw std::runtime_error("a wrong answer");
 };
 
-void rawRequests(benchmark::State& state, const std::string& request)
+void rawRequests(benchmark::State& state, const std::string& request, bool with_timeouts = false)
 {
     char reply[4096];
+    const Poco::Timespan io_timeout(10, 0);
     for (auto _ : state) {
-        Poco::Net::StreamSocket socket(server().address());
+        Poco::Net::StreamSocket socket;
+        if (with_timeouts) {
+            socket.connect(server().address(), Poco::Timespan(2, 0));
+            socket.setReceiveTimeout(io_timeout);
+            socket.setSendTimeout(io_timeout);
+        } else {
+            socket.connect(server().address());
+        }
         socket.sendBytes(request.data(), static_cast<int>(request.size()));
         if (socket.receiveBytes(reply, sizeof reply) <= 0) state.SkipWithError("no answer");
     }
 }
 
+std::string getText()
+{
+    return "GET /report HTTP/1.1\r\nHost: " + server().host() + "\r\nConnection: Close\r\n\r\n";
+}
+
 void BM_RawSocketGet(benchmark::State& state)
 {
-    rawRequests(state, "GET /report HTTP/1.1\r\nHost: " + server().host() + "\r\nConnection: Close\r\n\r\n");
+    rawRequests(state, getText());
 }
 BENCHMARK(BM_RawSocketGet)->UseRealTime();
+
+void BM_RawSocketGetWithTimeouts(benchmark::State& state)
+{
+    rawRequests(state, getText(), true);
+}
+BENCHMARK(BM_RawSocketGetWithTimeouts)->UseRealTime();
 
 void BM_HttpClientGet(benchmark::State& state)
 {

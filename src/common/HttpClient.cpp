@@ -1,5 +1,6 @@
 #include "HttpClient.h"
 
+#include <cerrno>
 #include <istream>
 #include <ostream>
 #include <utility>
@@ -8,6 +9,8 @@
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPMessage.h>
 #include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
 #include <Poco/NullStream.h>
 #include <Poco/Timespan.h>
 #include <Poco/URI.h>
@@ -27,13 +30,39 @@ std::mutex HttpClient::s_default_instance_mutex;
 
 namespace
 {
-void setTimeouts(HTTPClientSession& session)
+/// POCO's session, which connects under a time-out with a third of the system calls: Linux bounds a blocking
+/// connect by the send time-out of the socket, so it needs no turn to non-blocking and back, and no poll.
+class Session : public HTTPClientSession
 {
-    constexpr Poco::Timespan::TimeDiff kIoTimeoutUs = 10'000'000;
-    constexpr Poco::Timespan::TimeDiff kConnectTimeoutUs = 2'000'000;
-    const Poco::Timespan io(kIoTimeoutUs);
-    session.setTimeout(Poco::Timespan(kConnectTimeoutUs), io, io);
-}
+public:
+    explicit Session(const Poco::URI& uri) : HTTPClientSession(uri.getHost(), uri.getPort()) {}
+
+    void setTimeouts() { setTimeout(connect_timeout, io_timeout, io_timeout); }
+
+protected:
+    void connect(const Poco::Net::SocketAddress& address) override
+    {
+        Poco::Net::StreamSocket fresh(address.family());
+        fresh.setSendTimeout(connect_timeout);
+        try {
+            fresh.connect(address);
+        } catch (const Poco::IOException& e) {
+            // EALREADY: the same, after a signal has interrupted the waiting.
+            if (e.code() != EINPROGRESS && e.code() != EALREADY) throw;
+            throw Poco::TimeoutException("connect timed out", address.toString());
+        }
+        fresh.setReceiveTimeout(io_timeout);
+        fresh.setSendTimeout(io_timeout);
+        fresh.setNoDelay(true);
+        attachSocket(fresh);
+    }
+
+private:
+    static constexpr Poco::Timespan::TimeDiff kIoTimeoutUs = 10'000'000;
+    static constexpr Poco::Timespan::TimeDiff kConnectTimeoutUs = 2'000'000;
+    const Poco::Timespan io_timeout{kIoTimeoutUs};
+    const Poco::Timespan connect_timeout{kConnectTimeoutUs};
+};
 
 void receive(HTTPClientSession& session, const HttpResponseCallback& callback)
 {
@@ -60,9 +89,9 @@ void guarded(const std::string& url, const HttpResponseCallback& callback, Reque
 void get(const std::string& url, const HttpResponseCallback& callback)
 {
     const Poco::URI uri(url);
-    HTTPClientSession session(uri.getHost(), uri.getPort());
+    Session session(uri);
     HTTPRequest request(HTTPRequest::HTTP_GET, uri.getPathAndQuery(), HTTPMessage::HTTP_1_1);
-    setTimeouts(session);
+    session.setTimeouts();
     session.sendRequest(request);
     receive(session, callback);
 }
@@ -70,12 +99,12 @@ void get(const std::string& url, const HttpResponseCallback& callback)
 void postText(const std::string& url, const std::string& body, const HttpResponseCallback& callback)
 {
     const Poco::URI uri(url);
-    HTTPClientSession session(uri.getHost(), uri.getPort());
+    Session session(uri);
     session.setKeepAlive(true);
     HTTPRequest request(HTTPRequest::HTTP_POST, uri.getPathAndQuery(), HTTPMessage::HTTP_1_1);
     request.setContentType("application/json");
     request.setContentLength(static_cast<std::streamsize>(body.size()));
-    setTimeouts(session);
+    session.setTimeouts();
     session.sendRequest(request).write(body.data(), static_cast<std::streamsize>(body.size())).flush();
     receive(session, callback);
 }
@@ -83,9 +112,9 @@ void postText(const std::string& url, const std::string& body, const HttpRespons
 void postForm(const std::string& url, Poco::Net::HTMLForm& form, const HttpResponseCallback& callback)
 {
     const Poco::URI uri(url);
-    HTTPClientSession session(uri.getHost(), uri.getPort());
+    Session session(uri);
     session.setKeepAlive(true);
-    setTimeouts(session);
+    session.setTimeouts();
     HTTPRequest request(HTTPRequest::HTTP_POST, uri.getPathAndQuery(), HTTPMessage::HTTP_1_1);
     request.setContentType(form.getEncoding());
     form.prepareSubmit(request, 0);
