@@ -1,37 +1,32 @@
 #ifndef KRO_EXECUTABLE_PATH_H
 #define KRO_EXECUTABLE_PATH_H
 
-#include <filesystem>
+#include <climits>
 #include <string>
-#include <system_error>
-#include <type_traits>
 
+#include <unistd.h>
+
+#include <Poco/Exception.h>
 #include <Poco/Path.h>
+#include <Poco/Version.h>
 
 namespace kro::detail
 {
-/// POCO before 1.13 has no Path::self(): the same answer, from the link that the kernel keeps.
-template <typename Path, typename = void>
-struct SelfPath
-{
-    static std::string get()
-    {
-        std::error_code failed;
-        return std::filesystem::read_symlink("/proc/self/exe", failed).string();
-    }
-};
 
-template <typename Path>
-struct SelfPath<Path, std::void_t<decltype(Path::self())>>
-{
-    static std::string get() { return Path::self(); }
-};
-
-/// @return the absolute path of the running executable, its links resolved; empty if it can't be told.
+/// @return the full path of the running executable, links resolved.
+/// @throws Poco::SystemException if /proc can't be read (or what Poco::Path::self() throws).
 inline std::string executablePath()
 {
-    return SelfPath<Poco::Path>::get();
+#if POCO_VERSION >= 0x010D0000
+    return Poco::Path::self();
+#else
+    char path[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+    if (length < 0) throw Poco::SystemException("cannot read the link /proc/self/exe");
+    return {path, static_cast<std::size_t>(length)};
+#endif
 }
+
 }  // namespace kro::detail
 
 #endif

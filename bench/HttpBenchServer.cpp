@@ -1,0 +1,177 @@
+// HttpBenchServer KIND [PORT]: serves one small JSON answer until its input ends, for bench/http.py to load.
+// HttpBenchServer --check: asks a server of each kind once, and fails if one answers other bytes.
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/StreamCopier.h>
+
+#include "WebApiBasic.h"
+
+#ifdef KRO_BENCH_HTTPLIB
+#include <httplib.h>
+#endif
+
+namespace
+{
+const std::string kPath = "/index/api/status";
+const std::string kAnswer = R"({"code":0,"load":0.25,"msg":"success","running":true,"uptime":86400})";
+
+class Server
+{
+public:
+    Server() = default;
+    virtual ~Server() = default;
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+};
+
+class RegisteredApi : public Server
+{
+public:
+    explicit RegisteredApi(Poco::UInt16 port) : socket(port, 256)
+    {
+        kro::WebApiBasic::instance()->apiRegist(
+            kPath, [](Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&, const kro::ApiParams&,
+                      Poco::JSON::Object& result) {
+                result.set("code", 0);
+                result.set("msg", "success");
+                result.set("uptime", 86400);
+                result.set("load", 0.25);
+                result.set("running", true);
+            });
+        kro::WebApiBasic::instance()->start(socket);
+    }
+    ~RegisteredApi() override { kro::WebApiBasic::instance()->stop(); }
+
+private:
+    Poco::Net::ServerSocket socket;
+};
+
+/// The limit: POCO's server alone, with the same bytes sent in the same way.
+class BarePoco : public Server
+{
+    struct Handler : Poco::Net::HTTPRequestHandler
+    {
+        void handleRequest(Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse& response) override
+        {
+            response.setChunkedTransferEncoding(true);
+            response.setContentType("application/json");
+            response.send() << kAnswer;
+        }
+    };
+    struct Factory : Poco::Net::HTTPRequestHandlerFactory
+    {
+        Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
+        {
+            return new Handler;
+        }
+    };
+
+public:
+    explicit BarePoco(Poco::UInt16 port)
+        : server(new Factory, Poco::Net::ServerSocket(port, 256), new Poco::Net::HTTPServerParams)
+    {
+        server.start();
+    }
+    ~BarePoco() override { server.stop(); }
+
+private:
+    Poco::Net::HTTPServer server;
+};
+
+#ifdef KRO_BENCH_HTTPLIB
+class CppHttplib : public Server
+{
+public:
+    explicit CppHttplib(int port)
+    {
+        server.new_task_queue = [] { return new httplib::ThreadPool(32); };
+        server.set_keep_alive_max_count(1u << 30);
+        server.set_tcp_nodelay(true);
+        server.Get(kPath, [](const httplib::Request&, httplib::Response& response) {
+            response.set_content(kAnswer, "application/json");
+        });
+        if (!server.bind_to_port("127.0.0.1", port)) throw std::runtime_error("cannot bind");
+        thread = std::thread([this] { server.listen_after_bind(); });
+    }
+    ~CppHttplib() override
+    {
+        server.stop();
+        thread.join();
+    }
+
+private:
+    httplib::Server server;
+    std::thread thread;
+};
+#endif
+
+using Maker = std::function<std::unique_ptr<Server>(Poco::UInt16)>;
+
+const std::map<std::string, Maker>& kinds()
+{
+    static const std::map<std::string, Maker> all = {
+        {"registered", [](Poco::UInt16 port) { return std::make_unique<RegisteredApi>(port); }},
+        {"bare", [](Poco::UInt16 port) { return std::make_unique<BarePoco>(port); }},
+#ifdef KRO_BENCH_HTTPLIB
+        {"cpp-httplib", [](Poco::UInt16 port) { return std::make_unique<CppHttplib>(port); }},
+#endif
+    };
+    return all;
+}
+
+Poco::UInt16 freePort()
+{
+    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
+}
+
+bool check()
+{
+    bool good = true;
+    for (const auto& [kind, make] : kinds()) {
+        const Poco::UInt16 port = freePort();
+        const auto server = make(port);
+        Poco::Net::HTTPClientSession session("127.0.0.1", port);
+        Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, kPath, "HTTP/1.1");
+        session.sendRequest(request);
+        Poco::Net::HTTPResponse response;
+        std::string body;
+        Poco::StreamCopier::copyToString(session.receiveResponse(response), body);
+        if (body == kAnswer) continue;
+        std::cerr << kind << " answers " << body << "\n";
+        good = false;
+    }
+    return good;
+}
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const std::string kind = argc > 1 ? argv[1] : "";
+    if (kind == "--check") return check() ? 0 : 1;
+    if (kind == "--kinds") {
+        for (const auto& entry : kinds()) std::cout << entry.first << " " << kPath << " " << kAnswer << "\n";
+        return 0;
+    }
+    const auto maker = kinds().find(kind);
+    if (maker == kinds().end()) {
+        std::cerr << "usage: HttpBenchServer --check | --kinds | KIND PORT\n";
+        return 2;
+    }
+    const auto server = maker->second(static_cast<Poco::UInt16>(argc > 2 ? std::atoi(argv[2]) : 8080));
+    std::cin.get();  // until whoever started it closes the pipe
+    std::_Exit(0);   // without waiting for connections that are kept
+}

@@ -1,0 +1,156 @@
+#include "Config.h"
+
+#include <exception>
+#include <ios>
+
+#include <Poco/File.h>
+#include <Poco/FileStream.h>
+#include <Poco/Path.h>
+
+#include "ExecutablePath.h"
+#include "LoadOrder.h"
+#include "Logger.h"
+#include "WebHookBasic.h"
+
+namespace kro
+{
+
+namespace http
+{
+KRO_BUILT_FIRST const std::string kPort = "http.port";
+KRO_BUILT_FIRST const std::string kSslPort = "http.sslport";
+KRO_BUILT_FIRST const std::string kApiDebug = "http.apiDebug";
+}  // namespace http
+
+namespace rpc
+{
+KRO_BUILT_FIRST const std::string kRpcPort = "rpc.port";
+}  // namespace rpc
+
+namespace openssl::server
+{
+namespace
+{
+#define KRO_SERVER_KEY(name, text) KRO_BUILT_FIRST const std::string name = "openSSL.server." text
+KRO_SERVER_KEY(kPrivateKeyFile, "privateKeyFile");
+KRO_SERVER_KEY(kCaConfig, "caConfig");
+KRO_SERVER_KEY(kVerificationMode, "verificationMode");
+KRO_SERVER_KEY(kVerificationDepth, "verificationDepth");
+KRO_SERVER_KEY(kLoadDefaultCAFile, "loadDefaultCAFile");
+KRO_SERVER_KEY(kCipherList, "cipherList");
+KRO_SERVER_KEY(kPrivateKeyPassphraseHandlerName, "privateKeyPassphraseHandler.name");
+KRO_SERVER_KEY(kPrivateKeyPassphraseHandlerOptionsPassword, "privateKeyPassphraseHandler.options.password");
+KRO_SERVER_KEY(kInvalidCertificateHandlerName, "invalidCertificateHandler.name");
+KRO_SERVER_KEY(kExtendedVerification, "extendedVerification");
+KRO_SERVER_KEY(kCacheSessions, "cacheSessions");
+KRO_SERVER_KEY(kSessionIdContext, "sessionIdContext");
+KRO_SERVER_KEY(kSessionCacheSize, "sessionCacheSize");
+KRO_SERVER_KEY(kRequireTLSv1, "requireTLSv1");
+#undef KRO_SERVER_KEY
+}  // namespace
+}  // namespace openssl::server
+
+// Null before any initialiser runs, since a null pointer needs none: so the initialiser of the `hook.*`
+// defaults may call configInstance() whether or not the statics of this file stand. Never freed.
+Poco::Util::JSONConfiguration* g_config = nullptr;
+KRO_BUILT_FIRST std::string s_config_path;  // full path of the file; empty until loadConfig()
+
+namespace
+{
+// A static archive gives a program only those object files that somebody refers to, and nobody needs to name
+// the one with the `hook.*` defaults. This reference brings it along with this file, and with it the
+// initialiser that writes them.
+[[gnu::used]] const onceToken* const s_hook_defaults = &Hook::token;
+
+// Ports go in as setInt has them: a number in the file. POCO 1.11 has no setUInt16, and the general setters
+// for unsigned values store a text, which an operator would find in quotes.
+void setPort(const std::string& key, int port)
+{
+    configInstance()->setInt(key, port);
+}
+}  // namespace
+
+Poco::Util::JSONConfiguration* configInstance()
+{
+    // Needs no lock: the first call is the initialiser of Hook::token, when there is one thread.
+    if (g_config == nullptr) g_config = new Poco::Util::JSONConfiguration;
+    return g_config;
+}
+
+void initHttpOption()
+{
+    setPort(http::kPort, 9528);
+    setPort(http::kSslPort, 443);
+    configInstance()->setBool(http::kApiDebug, true);
+}
+
+void initRpcOption()
+{
+    setPort(rpc::kRpcPort, 9527);
+}
+
+void initSSLOption()
+{
+    using namespace openssl::server;
+    auto& config = *configInstance();
+    config.setString(kPrivateKeyFile, "${application.configDir}any.pem");
+    config.setString(kCaConfig, "${application.configDir}rootcert.pem");
+    config.setString(kVerificationMode, "relaxed");
+    config.setInt(kVerificationDepth, 9);
+    config.setBool(kLoadDefaultCAFile, true);
+    config.setString(kCipherList, "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH");
+    config.setString(kPrivateKeyPassphraseHandlerName, "KeyFileHandler");
+    config.setString(kPrivateKeyPassphraseHandlerOptionsPassword, "tinsel");
+    config.setString(kInvalidCertificateHandlerName, "AcceptCertificateHandler");
+    config.setBool(kExtendedVerification, false);
+    config.setBool(kCacheSessions, true);
+    config.setString(kSessionIdContext, "${application.name}");
+    config.setInt(kSessionCacheSize, 100);
+    config.setBool(kRequireTLSv1, false);
+}
+
+void loadConfig()
+{
+    try {
+        // Settled: the name keeps its case here, while the log file's is lower-cased.
+        const std::string file_name = Poco::Path(detail::executablePath()).getBaseName() + ".json";
+        Poco::Path directory_path(Poco::Path::config());
+        directory_path.pushDirectory("tolvan");
+        Poco::File directory(directory_path);
+        if (!directory.exists()) directory.createDirectories();
+        if (!directory.canWrite()) {
+            directory.setWriteable(true);
+            // Settled: the Poco::Path itself is the argument, and what POCO prints for it stands.
+            KRO_LOG_INFORMATION("No write permission for directory: %s,give write permission",
+                                directory_path);
+        }
+        s_config_path = directory_path.toString() + file_name;
+        KRO_LOG_INFORMATION("config full path: " + s_config_path);
+        const Poco::File file(s_config_path);
+        // Settled: an empty file counts as no file, and is overwritten with the defaults.
+        if (file.exists() && file.getSize() != 0) {
+            configInstance()->load(s_config_path);
+        } else {
+            saveConfig();
+        }
+        KRO_LOG_INFORMATION("config initialized");
+    } catch (const std::exception& e) {
+        KRO_LOG_ERROR(e.what());
+    }
+}
+
+void saveConfig()
+{
+    try {
+        Poco::FileOutputStream stream(s_config_path, std::ios::out | std::ios::trunc);
+        // Settled: the write is tried all the same.
+        if (!stream.good()) KRO_LOG_INFORMATION("create config file failed! config path: %s", s_config_path);
+        configInstance()->save(stream, 2);
+        stream.close();
+        KRO_LOG_INFORMATION("save config path: %s", s_config_path);
+    } catch (const std::exception& e) {
+        KRO_LOG_ERROR("save config file error: " + std::string(e.what()));
+    }
+}
+
+}  // namespace kro

@@ -1,0 +1,170 @@
+#include "HttpServer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <Poco/ErrorHandler.h>
+#include <Poco/Exception.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/ThreadPool.h>
+
+#include "support/Eventually.h"
+#include "support/RawHttp.h"
+
+namespace kro
+{
+namespace
+{
+using Poco::Net::HTTPServerRequest;
+using Poco::Net::HTTPServerResponse;
+using test::Peer;
+
+class HttpServerTest : public testing::Test
+{
+protected:
+    ~HttpServerTest() override
+    {
+        Poco::ThreadPool::defaultPool()
+            .joinAll();  // of POCO's threads none may be serving when the program ends
+    }
+    std::shared_ptr<HttpServer> serve(RequestCallback callback)
+    {
+        auto server =
+            HttpServer::createInstance(socket, new Poco::Net::HTTPServerParams, std::move(callback));
+        server->start();
+        return server;
+    }
+    std::string ask(const std::string& text)
+    {
+        Peer peer(socket.address().port());
+        peer.send(text);
+        return peer.message();
+    }
+
+    const Poco::Net::ServerSocket socket{Poco::Net::SocketAddress("127.0.0.1", 0)};
+};
+
+void echo(HTTPServerRequest& request, HTTPServerResponse& response)
+{
+    const std::string text = request.getMethod() + " " + request.getURI();
+    response.sendBuffer(text.data(), text.size());
+}
+
+TEST_F(HttpServerTest, HandsEveryRequestWithAnyMethodAndUriToACopyOfTheCallback)
+{
+    struct Counting
+    {
+        explicit Counting(std::atomic<int>& total) : copies(&total) {}
+        Counting(const Counting& other) : copies(other.copies) { ++*copies; }
+        void operator()(HTTPServerRequest& request, HTTPServerResponse& response) const
+        {
+            echo(request, response);
+        }
+        std::atomic<int>* copies;
+    };
+    std::atomic<int> copies{0};
+    const auto server = serve(Counting(copies));
+    const int before = copies;
+    Peer kept(socket.address().port());
+    kept.send(test::get("/a?b"));
+    EXPECT_EQ(test::bodyOf(kept.message()), "GET /a?b");
+    const int first = copies - before;
+    EXPECT_GE(first, 1);
+    kept.send("BREW * HTTP/1.1\r\nHost: test\r\n\r\n");
+    EXPECT_EQ(test::bodyOf(kept.message()), "BREW *");
+    EXPECT_EQ(copies - before, 2 * first) << "a kept connection has a fresh handler for each request, too";
+    server->stop();
+}
+
+TEST_F(HttpServerTest, PassesEveryExceptionToPocoAndGoesOn)
+{
+    struct Errors : Poco::ErrorHandler
+    {
+        void exception(const Poco::Exception& e) override { note(e.displayText()); }
+        void exception(const std::exception& e) override { note(e.what()); }
+        void exception() override { note("unknown"); }
+        void note(const std::string& text)
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            texts.push_back(text);
+        }
+        std::vector<std::string> get()
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return texts;
+        }
+        std::mutex mutex;  // guards texts
+        std::vector<std::string> texts;
+    } errors;
+    auto* const before = Poco::ErrorHandler::set(&errors);
+    {
+        const auto empty = serve({});
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(ask(test::get("/")).compare(0, 12, "HTTP/1.1 500"), 0);
+        empty->stop();
+    }
+    const auto server = serve([](HTTPServerRequest& request, HTTPServerResponse& response) {
+        if (request.getURI() == "/poco") throw Poco::NotFoundException("mine");
+        if (request.getURI() == "/std") throw std::runtime_error("plain");
+        if (request.getURI() == "/int") throw 5;
+        echo(request, response);
+    });
+    EXPECT_EQ(ask(test::get("/poco")).compare(0, 12, "HTTP/1.1 500"), 0);
+    EXPECT_EQ(ask(test::get("/std")), "");
+    EXPECT_EQ(ask(test::get("/int")), "");
+    EXPECT_EQ(test::bodyOf(ask(test::get("/good"))), "GET /good");
+    EXPECT_TRUE(test::eventually([&] { return errors.get().size() == 5; }));
+    const std::string no_callback = "Null pointer: request handle callabck is empty";
+    EXPECT_EQ(errors.get(),
+              (std::vector<std::string>{no_callback, no_callback, "Not found: mine", "plain", "unknown"}));
+    server->stop();
+    Poco::ErrorHandler::set(before);
+}
+
+TEST_F(HttpServerTest, LeavesRequestsInFlightAloneWhenItStopsAndGoes)
+{
+    std::promise<void> arrived;
+    std::promise<void> gone;
+    auto server = serve([&](HTTPServerRequest& request, HTTPServerResponse& response) {
+        arrived.set_value();
+        gone.get_future().wait();
+        echo(request, response);
+    });
+    Peer peer(socket.address().port());
+    peer.send(test::get("/held"));
+    arrived.get_future().wait();
+    server->stop();
+    server.reset();
+    gone.set_value();
+    EXPECT_EQ(test::bodyOf(peer.message()), "GET /held");
+}
+
+TEST_F(HttpServerTest, DoesNotAcceptBeforeStartNorAfterStop)
+{
+    std::atomic<int> served{0};
+    const auto server = HttpServer::createInstance(socket, new Poco::Net::HTTPServerParams,
+                                                   [&](auto& request, auto& response) {
+                                                       ++served;
+                                                       echo(request, response);
+                                                   });
+    Peer early(socket.address().port());  // the kernel queues it
+    early.send(test::get("/early"));
+    EXPECT_EQ(served, 0);
+    server->start();
+    EXPECT_EQ(test::bodyOf(early.message()), "GET /early");
+    server->stop();
+    Peer late(socket.address().port());
+    late.send(test::get("/late"));
+    EXPECT_FALSE(Poco::Net::ServerSocket(socket).poll(Poco::Timespan(0), Poco::Net::Socket::SELECT_ERROR));
+    EXPECT_TRUE(Poco::Net::ServerSocket(socket).poll(Poco::Timespan(10, 0), Poco::Net::Socket::SELECT_READ))
+        << "the connection must stay in the socket's queue";
+    EXPECT_EQ(served, 1);
+}
+
+}  // namespace
+}  // namespace kro

@@ -1,0 +1,497 @@
+#include "WebApiBasic.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <Poco/Exception.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/PipeStream.h>
+#include <Poco/Process.h>
+#include <Poco/StreamCopier.h>
+#include <Poco/ThreadPool.h>
+
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
+#include "support/RawHttp.h"
+
+namespace kro
+{
+struct WebApiBasicTestAccess
+{
+    static bool started(const WebApiBasic& api) { return api.http_server != nullptr; }
+    static std::size_t entries(const WebApiBasic& api) { return api.api_handlers.size(); }
+    static void answerBody(WebApiBasic& api, const ApiBodyHandler& handler,
+                           Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response,
+                           const Poco::JSON::Object::Ptr& body)
+    {
+        api.answerBody(handler, request, response, {}, body);
+    }
+};
+
+namespace
+{
+using test::get;
+using test::LogCapture;
+using test::Peer;
+using test::post;
+using Access = WebApiBasicTestAccess;
+using Object = Poco::JSON::Object;
+using Request = Poco::Net::HTTPServerRequest;
+using Response = Poco::Net::HTTPServerResponse;
+
+const std::string kNotFound = R"({"code": -1, "msg": "api not found"})";
+const std::string kNoBody = R"({"code": -1, "msg": "body not found or cannot be resolved to json"})";
+const std::string kJsonHead =
+    "HTTP/1.1 200 OK\r\nConnection: Keep-Alive\r\nContent-Type: application/json\r\nTransfer-Encoding: "
+    "chunked\r\n";
+
+void text(Response& response, const std::string& body)
+{
+    response.sendBuffer(body.data(), body.size());
+}
+
+std::vector<std::string> sortedLines(const std::string& reply)
+{
+    std::vector<std::string> lines;
+    for (std::size_t at = 0; at < reply.size();) {
+        const auto end = std::min(reply.find("\r\n", at), reply.size());
+        lines.push_back(reply.substr(at, end - at));
+        at = end + 2;
+    }
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [](const auto& line) { return line.compare(0, 5, "Date:") == 0; }),
+                lines.end());
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+class WebApiBasicTest : public testing::Test
+{
+protected:
+    WebApiBasicTest()
+    {
+        api.apiRegist("/index/api/echo", [](Request& request, Response& response, const ApiParams& params) {
+            std::string line = request.getMethod();
+            for (const auto& name : {"x", "y", ""})
+                if (const auto found = params.find(name); found != params.end())
+                    line += " " + found->first + "=" + found->second;
+            text(response, line);
+        });
+        api.apiRegist("/index/api/result", [](Request&, Response&, const ApiParams& params, Object& result) {
+            result.set("zeta", 1);
+            result.set("alpha", static_cast<int>(params.size()));
+        });
+        api.apiRegist("/index/api/body",
+                      [](Request&, Response&, const ApiParams&, Object& result, const Object& body) {
+                          result.set("members", static_cast<int>(body.size()));
+                      });
+        LogCapture::instance().clear();
+    }
+    ~WebApiBasicTest() override
+    {
+        api.stop();
+        Poco::ThreadPool::defaultPool()
+            .joinAll();  // of POCO's threads none may be serving when the program ends
+    }
+
+    void start() { api.start(socket); }
+    Poco::UInt16 port() const { return socket.address().port(); }
+    std::string ask(const std::string& request)
+    {
+        Peer peer(port());
+        peer.send(request);
+        return peer.message();
+    }
+    void expectGoodAnswer()
+    {
+        EXPECT_EQ(test::bodyOf(ask(get("/index/api/result?a=1"))), R"({"alpha":1,"zeta":1})");
+    }
+    void expectStatus(const std::string& reply, const std::string& status)
+    {
+        EXPECT_EQ(reply.substr(0, 12), "HTTP/1.1 " + status) << reply.substr(0, 200);
+    }
+    static std::size_t errors()
+    {
+        const auto lines = LogCapture::instance().lines();
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [](const auto& line) {
+            return line.level == Poco::Message::PRIO_ERROR;
+        }));
+    }
+
+    const Poco::Net::ServerSocket socket{Poco::Net::SocketAddress("127.0.0.1", 0), 256};
+    const std::shared_ptr<WebApiBasic> owner = WebApiBasic::instance();
+    WebApiBasic& api = *owner;
+};
+
+TEST_F(WebApiBasicTest, AnswersCurl)
+{
+    start();
+    const std::string url = "http://127.0.0.1:" + std::to_string(port());
+    const auto curl = [](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"-s", "--max-time", "20"});
+        Poco::Pipe out;
+        const auto process = Poco::Process::launch("curl", arguments, nullptr, &out, nullptr);
+        Poco::PipeInputStream stream(out);
+        std::string answer;
+        Poco::StreamCopier::copyToString(stream, answer);
+        process.wait();
+        return answer;
+    };
+    EXPECT_EQ(curl({url + "/index/api/echo?x=1&x=2&y=a+b"}), "GET x=1 y=a b");
+    EXPECT_EQ(curl({"-d", "", url + "/index/api/echo"}), "POST");
+    EXPECT_EQ(curl({url + "/index/api/result"}), R"({"alpha":0,"zeta":1})");
+    EXPECT_EQ(curl({"-d", R"({"a":1,"b":{}})", url + "/index/api/body"}), R"({"members":2})");
+    EXPECT_EQ(curl({"-H", "Transfer-Encoding: chunked", "-d", R"({"a":1})", url + "/index/api/body"}),
+              R"({"members":1})");
+    EXPECT_EQ(curl({"-w", " %{http_code} %{content_type}", url + "/nothing"}), kNotFound + " 200 ");
+}
+
+TEST_F(WebApiBasicTest, MatchesTheDecodedPathByteForByte)
+{
+    api.apiRegist("/a/b", [](Request&, Response& response, const ApiParams&) { text(response, "found"); });
+    start();
+    for (const auto& path : {"/a/b", "/a%2Fb", "/%61/b", "/a/b?x#y", "http://other/a/b"})
+        EXPECT_EQ(test::bodyOf(ask(get(path))), "found") << path;
+    for (const auto& path : {"/a/b/", "/A/b", "/a//b", "/a", "/a/b%00", "/a/../a/b", "//a/b"})
+        EXPECT_EQ(test::bodyOf(ask(get(path))), kNotFound) << path;
+    EXPECT_EQ(test::bodyOf(ask(get("/index/api/echo?x=a+b&y=%2B%C3%A4&=e"))), "GET x=a b y=+\xc3\xa4 =e");
+}
+
+TEST_F(WebApiBasicTest, SendsResultsChunkedAndCannedBodiesToTheEndOfTheConnection)
+{
+    api.apiRegist("/ok");
+    api.apiRegist("/empty", ApiResultHandler());
+    api.apiRegist("/own", [](Request&, Response& response, const ApiParams&, Object&) {
+        response.setChunkedTransferEncoding(false);
+        text(response, "own");
+    });
+    api.apiRegist("/nobody",
+                  [this](Request&, Response& response, const ApiParams&) { api.bodyNotFound(response); });
+    LogCapture::instance().clear();
+    start();
+    EXPECT_EQ(sortedLines(ask(get("/index/api/result"))),
+              sortedLines(kJsonHead + "\r\n14\r\n{\"alpha\":0,\"zeta\":1}\r\n0\r\n\r\n"));
+    const std::string plain = "HTTP/1.1 200 OK\r\nConnection: Close\r\n\r\n";
+    EXPECT_EQ(sortedLines(ask(get("/nothing"))), sortedLines(plain + kNotFound));
+    EXPECT_EQ(sortedLines(ask(get("/nobody"))), sortedLines(plain + kNoBody));
+    EXPECT_EQ(sortedLines(ask(get("/ok"))), sortedLines(plain + R"({"code": 0, "msg": "success"})"));
+    EXPECT_EQ(sortedLines(ask(get("/empty"))),
+              sortedLines(kJsonHead + "\r\n24\r\n" + kNotFound + "\r\n0\r\n\r\n"));
+    EXPECT_EQ(test::bodyOf(ask(get("/own"))), "own");
+    EXPECT_EQ(errors(), 0u);
+}
+
+TEST_F(WebApiBasicTest, LogsEachRegistrationOfAFunctionAndNoOther)
+{
+    api.apiRegist("/canned");
+    api.apiRegist("/plain", ApiHandler());
+    api.apiRegist("/result", ApiResultHandler());
+    api.apiRegist("/body", ApiBodyHandler());
+    start();
+    EXPECT_EQ(LogCapture::instance().lines(), (std::vector{test::information("web api regist: /plain"),
+                                                           test::information("web api regist: /result"),
+                                                           test::information("web api regist: /body")}));
+}
+
+TEST_F(WebApiBasicTest, LogsWhatAHandlerThrowsAndGoesOn)
+{
+    struct Row
+    {
+        std::string path;
+        std::string status;  // empty where the connection is closed without an answer
+        std::string line;
+        std::size_t lines;
+    };
+    const std::vector<Row> rows = {{"/plain?poco", "500", "Not found: mine", 1},
+                                   {"/plain?std", "", "plain", 1},
+                                   {"/plain?int", "", "", 0},
+                                   {"/result?poco", "500", "Not found: mine", 2},
+                                   {"/result?std", "", "plain", 2},
+                                   {"/result?int", "", "", 0},
+                                   {"/empty", "", "bad_function_call", 1}};
+    const auto fail = [](const ApiParams& params) {
+        if (params.count("poco") != 0) throw Poco::NotFoundException("mine");
+        if (params.count("std") != 0) throw std::runtime_error("plain");
+        throw 5;
+    };
+    api.apiRegist("/plain", [&](Request&, Response&, const ApiParams& params) { fail(params); });
+    api.apiRegist("/result", [&](Request&, Response&, const ApiParams& params, Object&) { fail(params); });
+    api.apiRegist("/empty", ApiHandler());
+    start();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        LogCapture::instance().clear();
+        const std::string reply = ask(get(row.path));
+        if (row.status.empty()) {
+            EXPECT_EQ(reply, "");
+        } else {
+            expectStatus(reply, row.status);
+        }
+        EXPECT_EQ(errors(), row.lines);
+        EXPECT_EQ(LogCapture::instance().count(test::error(row.line)), row.lines);
+        expectGoodAnswer();
+    }
+}
+
+TEST_F(WebApiBasicTest, MakesABodyThatIsNoObjectAnErrorThatTheHandlerNeverSees)
+{
+    std::string deep(10'000, '[');
+    deep = "{\"a\":" + deep + std::string(10'000, ']') + "}";
+    start();
+    for (const auto& body : {std::string("[1,2]"), std::string("5"), std::string(), std::string("null"),
+                             std::string("{\"a\":"), std::string("\"text\""), std::string("{}}"), deep})
+    {
+        SCOPED_TRACE(body.substr(0, 20));
+        LogCapture::instance().clear();
+        expectStatus(ask(post("/index/api/body", body)), "500");
+        EXPECT_EQ(errors(), 1u);
+        expectGoodAnswer();
+    }
+    EXPECT_EQ(test::bodyOf(ask(post("/index/api/body", "{}"))), R"({"members":0})");
+}
+
+TEST_F(WebApiBasicTest, AnswersANullBodyAndThenFailsOnIt)
+{
+    std::atomic<int> calls{0};
+    const ApiBodyHandler handler = [&](Request&, Response&, const ApiParams&, Object&, const Object&) {
+        ++calls;
+    };
+    const auto with = [&](const ApiBodyHandler& function) {
+        return [&, function](Request& request, Response& response, const ApiParams&) {
+            Access::answerBody(api, function, request, response, nullptr);
+        };
+    };
+    api.apiRegist("/null", ApiHandler(with(handler)));
+    api.apiRegist("/null/empty", ApiHandler(with({})));
+    start();
+    LogCapture::instance().clear();
+    EXPECT_EQ(test::bodyOf(ask(get("/null"))), kNoBody);
+    EXPECT_TRUE(test::eventually([] { return errors() == 2; })) << "by the wrapper and by the dispatcher";
+    EXPECT_EQ(LogCapture::instance().countPrefix("Null pointer"), 2u);
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(test::bodyOf(ask(get("/null/empty"))), kNoBody) << "the second answer is POCO's to refuse";
+}
+
+TEST_F(WebApiBasicTest, WritesNothingForTheBuiltInPathsUntilTheHostReplacesThem)
+{
+    api.apiRegist("/", [](Request&, Response& response, const ApiParams&) { text(response, "lost"); });
+    start();
+    for (const auto& path : {"/", "/index/api/getApiList"}) {
+        Peer peer(port());
+        peer.send(get(path, "Connection: close\r\n"));
+        EXPECT_EQ(peer.rest(), "") << "neither a body nor a header";
+    }
+    api.apiRegist("/", [](Request&, Response& response, const ApiParams&) { text(response, "mine"); });
+    EXPECT_EQ(test::bodyOf(ask(get("/"))), "mine");
+}
+
+TEST_F(WebApiBasicTest, ForgetsEverythingAtStopAndStartsAgain)
+{
+    Poco::Net::ServerSocket other(Poco::Net::SocketAddress("127.0.0.1", 0));
+    start();
+    EXPECT_THROW(api.start(other), Poco::LogicException);
+    expectGoodAnswer();
+    api.stop();
+    EXPECT_FALSE(Access::started(api));
+    EXPECT_EQ(Access::entries(api), 0u);
+    api.apiRegist("/never/started");
+    api.stop();
+    EXPECT_EQ(Access::entries(api), 0u);
+    api.apiRegist("/new");
+    api.start(other);
+    EXPECT_EQ(Access::entries(api), 3u);
+    EXPECT_EQ(WebApiBasic::instance(), owner);
+}
+
+TEST_F(WebApiBasicTest, RegistersStartsAndStopsAHundredTimes)
+{
+    for (int i = 0; i < 100; ++i) {
+        api.apiRegist("/round",
+                      [i](Request&, Response&, const ApiParams&, Object& result) { result.set("i", i); });
+        start();
+        ASSERT_EQ(test::bodyOf(ask(get("/round", "Connection: close\r\n"))),
+                  "{\"i\":" + std::to_string(i) + "}");
+        api.stop();
+    }
+}
+
+TEST_F(WebApiBasicTest, FinishesRequestsInFlightAfterStopAndFreesTheirHandlersThen)
+{
+    std::promise<void> over;
+    std::atomic<int> arrived{0};
+    auto capture = std::make_shared<std::string>("kept");
+    const std::weak_ptr<std::string> watch = capture;
+    api.apiRegist("/held", [&, held = over.get_future().share(), capture = std::move(capture)](
+                               Request&, Response&, const ApiParams&, Object& result) {
+        ++arrived;
+        held.wait();
+        result.set("text", *capture);
+    });
+    start();
+    std::vector<Peer> peers;
+    for (int i = 0; i < 8; ++i) {
+        peers.emplace_back(port());
+        peers.back().send(get("/held"));
+    }
+    ASSERT_TRUE(test::eventually([&] { return arrived == 8; }));
+    api.stop();
+    EXPECT_FALSE(watch.expired());
+    over.set_value();
+    for (auto& peer : peers) EXPECT_EQ(test::bodyOf(peer.message()), R"({"text":"kept"})");
+    EXPECT_TRUE(test::eventually([&] { return watch.expired(); }));
+    peers[0].send(get("/held"));
+    EXPECT_EQ(test::bodyOf(peers[0].message()), kNotFound) << "a kept connection outlives the server";
+}
+
+TEST_F(WebApiBasicTest, StopsUnderKeptConnectionsThatNeverPauseAndFromAHandler)
+{
+    std::atomic<bool> over{false};
+    start();
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 4; ++i)
+        clients.emplace_back([&] {
+            while (!over) {
+                Peer peer(port());
+                for (std::string reply = "x"; !over && !reply.empty();) {
+                    if (!peer.send(get("/index/api/result", over ? "Connection: close\r\n" : ""))) break;
+                    reply = peer.message();
+                    if (reply.find("Close") != std::string::npos) break;
+                }
+            }
+        });
+    for (int i = 0; i < 5; ++i) {
+        api.stop();
+        for (int entry = 0; entry < 20; ++entry)
+            api.apiRegist("/index/api/result", [](Request&, Response&, const ApiParams&, Object& result) {
+                result.set("again", true);
+            });
+        api.apiRegist("/stop", [this](Request&, Response&, const ApiParams&, Object& result) {
+            api.stop();
+            result.set("stopped", true);
+        });
+        start();
+        EXPECT_EQ(test::bodyOf(ask(get("/stop"))), R"({"stopped":true})");
+    }
+    api.apiRegist("/index/api/result");
+    start();  // lets the clients that wait in the socket's queue go
+    over = true;
+    for (auto& client : clients) client.join();
+}
+
+TEST_F(WebApiBasicTest, ServesKeptAndPipelinedRequestsInOrder)
+{
+    start();
+    Peer peer(port());
+    peer.send(get("/index/api/echo?x=1") + post("/index/api/body", R"({"a":1})") + get("/index/api/result"));
+    EXPECT_EQ(test::bodyOf(peer.message()), "GET x=1");
+    EXPECT_EQ(test::bodyOf(peer.message()), R"({"members":1})");
+    EXPECT_EQ(test::bodyOf(peer.message()), R"({"alpha":0,"zeta":1})");
+    peer.send(get("/index/api/echo?y=2"));
+    EXPECT_EQ(test::bodyOf(peer.message()), "GET y=2");
+}
+
+TEST_F(WebApiBasicTest, OutlivesRequestsThatAreBroken)
+{
+    start();
+    const std::string huge(1u << 20, 'h');
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        {get("/index/api/result", "X-Huge: " + huge + "\r\n"), "400"},
+        {get("/" + huge), "400"},
+        {get("/%zz"), "500"},
+        {get("http://[::1/index/api/result"), "500"},
+        {get("/index/api/echo?x=%zz"), "500"},
+        {"x\r\n\r\n", "400"}};
+    for (const auto& [request, status] : rows) {
+        SCOPED_TRACE(request.substr(0, 60));
+        LogCapture::instance().clear();
+        Peer peer(port());
+        peer.send(request);
+        const std::string reply = peer.message();
+        expectStatus(reply, status);
+        EXPECT_EQ(errors(), request.find("?x=%zz") == std::string::npos ? 0u : 1u)
+            << "the path fails unlogged";
+        expectGoodAnswer();
+    }
+}
+
+TEST_F(WebApiBasicTest, TakesALargeBodyAndOneThatEndsEarly)
+{
+    start();
+    const std::string large = "{\"a\":\"" + std::string(50u << 20, 'x') + "\"}";
+    EXPECT_EQ(test::bodyOf(ask(post("/index/api/body", large))), R"({"members":1})");
+    Peer early(port());
+    early.send("POST /index/api/body HTTP/1.1\r\nHost: test\r\nContent-Length: 100\r\n\r\n{\"a\":");
+    early.finishSending();
+    expectStatus(early.message(), "500");
+    expectGoodAnswer();
+}
+
+TEST_F(WebApiBasicTest, ServesOthersBesideAClientThatSendsAByteASecond)
+{
+    start();
+    Peer slow(port());
+    const std::string request = get("/index/api/echo?x=1");
+    std::size_t sent = 0;
+    for (; sent < 5; ++sent) {
+        EXPECT_TRUE(slow.send(request.substr(sent, 1)));
+        expectGoodAnswer();
+        std::this_thread::sleep_for(std::chrono::seconds(1));  // the client's pace is the case itself
+    }
+    EXPECT_TRUE(slow.send(request.substr(sent)));
+    EXPECT_EQ(test::bodyOf(slow.message()), "GET x=1");
+}
+
+TEST_F(WebApiBasicTest, AnswersOfTwoHundredConnectionsAtOnceAsManyAsPocoTakesAndClosesTheRest)
+{
+    constexpr std::size_t kThreads = 16;
+    constexpr std::size_t kQueue = 64;
+    std::promise<void> over;
+    std::atomic<std::size_t> arrived{0};
+    api.apiRegist("/held", [&, held = over.get_future().share()](Request&, Response&, const ApiParams& params,
+                                                                 Object& result) {
+        ++arrived;
+        held.wait();
+        result.set("n", params.at("n"));
+    });
+    start();
+    std::vector<Peer> peers;
+    for (int i = 0; i < 200; ++i) {
+        peers.emplace_back(port());
+        peers.back().send(get("/held?n=" + std::to_string(i), "Connection: close\r\n"));
+        if (peers.size() > kThreads) continue;
+        ASSERT_TRUE(test::eventually([&] { return arrived == peers.size(); }));
+    }
+    EXPECT_EQ(peers.back().message(), "") << "beyond threads and queue POCO closes a connection at once";
+    over.set_value();
+    std::size_t answered = 0;
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+        const std::string reply = peers[i].message();
+        if (test::bodyOf(reply) == "{\"n\":\"" + std::to_string(i) + "\"}") ++answered;
+        EXPECT_TRUE(i >= kThreads || !reply.empty()) << i;
+    }
+    EXPECT_GE(answered, kThreads + kQueue);
+    expectGoodAnswer();
+}
+
+TEST_F(WebApiBasicTest, LeavesABodyThatNobodyReadsToTheNextRequestOfTheConnection)
+{
+    start();
+    Peer peer(port());
+    peer.send(post("/index/api/result", "left over"));
+    EXPECT_EQ(test::bodyOf(peer.message()), R"({"alpha":0,"zeta":1})");
+    peer.send(get("/index/api/result"));
+    expectStatus(peer.message(), "400");
+    expectGoodAnswer();
+}
+
+}  // namespace
+}  // namespace kro
