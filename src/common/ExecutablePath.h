@@ -1,6 +1,8 @@
 #ifndef KRO_EXECUTABLE_PATH_H
 #define KRO_EXECUTABLE_PATH_H
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstddef>
@@ -9,7 +11,6 @@
 
 #include <Poco/Foundation.h>
 #include <Poco/Path.h>
-#include <unistd.h>
 
 namespace kro::detail
 {
