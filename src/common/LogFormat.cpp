@@ -3,7 +3,6 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
-#include <locale>
 
 namespace kro::detail
 {
@@ -47,9 +46,6 @@ void appendArgument(std::string& result, const FormatArgument& argument, Kind wa
 
 bool formatCommon(std::string& result, const char* format, const FormatArgument* arguments, std::size_t count)
 {
-    // Poco::format prints numbers through a stream, and so in the locale that the host has made the global
-    // one.
-    if (std::locale() != std::locale::classic()) return false;
     const FormatArgument* const end = arguments + count;
     for (;;) {
         const char* const percent = std::strchr(format, '%');
@@ -65,6 +61,7 @@ bool formatCommon(std::string& result, const char* format, const FormatArgument*
             return arguments == end;
         }
         if (arguments == end) {
+            if (*format == '[') return false;  // an argument by its number
             result += *format++;  // with nothing left to print, a directive loses its "%" and stays
             continue;
         }

@@ -43,9 +43,9 @@ struct FormatArgument
 
 /// Appends to `result` what Poco::format makes of the same format and arguments, without a stream and without
 /// an allocation for each argument. It knows %s, %d, %i, %u, %z, %ld, %lu, the %llu that Poco::format prints
-/// as "lu", and %%.
-/// @return false if something else stands in `format`, or if the process's locale groups its digits: `result`
-///         then holds a part of the text, and Poco::format itself has to do it.
+/// as "lu", and %%. Numbers are printed without regard to the locale, as Poco::format has it.
+/// @return false if something else stands in `format`: `result` then holds a part of the text, and
+///         Poco::format itself has to do it.
 KRO_API bool formatCommon(std::string& result, const char* format, const FormatArgument* arguments,
                           std::size_t count);
 }  // namespace kro::detail

@@ -83,7 +83,8 @@ public:
 
     /// Waits until both branches are written out. A branch that gets nothing written for `patience` is given
     /// up.
-    void flush(std::chrono::milliseconds patience);
+    /// @return false if the console's was given up.
+    bool flush(std::chrono::milliseconds patience);
 
     /// In the child of a fork, where the workers don't exist: lets go of the branches without destroying
     /// them.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iostream>
 #include <memory>
 #include <new>
 #include <system_error>
@@ -415,7 +416,12 @@ void LoggerImpl::endAtExit()
         }
     }
     Front* const front = s_front.load(std::memory_order_acquire);
-    if (front != nullptr) front->splitter->flush(kPatience);
+    if (front == nullptr || front->splitter->flush(kPatience)) return;
+    // A worker hangs in a write to standard error. The C++ library would flush these next, and wait for it.
+    std::cerr.rdbuf(nullptr);
+    std::clog.rdbuf(nullptr);
+    std::wcerr.rdbuf(nullptr);
+    std::wclog.rdbuf(nullptr);
 }
 
 /// A fork leaves the child one thread, and locks and condition variables as the others held them. They can't
