@@ -414,6 +414,7 @@ void LoggerImpl::endAtExit()
             s_pInstance->rotation_cv.notify_all();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
+        if (s_pInstance->rotation_ended) s_pInstance->rotation_thread.join();
     }
     Front* const front = s_front.load(std::memory_order_acquire);
     if (front == nullptr || front->splitter->flush(kPatience)) return;

@@ -124,15 +124,15 @@ void forkWhileThreadsLog()
     LogWriters writers(4);
     writers.writeUntilStopped();
     for (int i = 0; i < 20; ++i) {
-        inChild([] {
-            KRO_LOG_INFORMATION("from a child");
-            onNewThread([] { KRO_LOG_INFORMATION("from a child"); });
-        });
+        inChild([] { KRO_LOG_INFORMATION("from a child"); });
+#ifndef __SANITIZE_THREAD__  // which can't start threads in the child of a process that has some
+        inChild([] { onNewThread([] { KRO_LOG_INFORMATION("from a child"); }); });
         inChild([] {
             kro::loadLogging();
             KRO_LOG_INFORMATION("from a child that loaded");
             kro::deleteLogger();
         });
+#endif
     }
     writers.stop();
     kro::deleteLogger();
