@@ -357,7 +357,7 @@ TEST(PeriodicTaskManagerDeathTest, EndsTheProcessWhenThePoolIsFull)
 // A host that forgets to stop the monitor, and ends at any moment of its passes, sleeps, runs and watches.
 TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyWhileTheMonitorIsAtWork)
 {
-    for (int i = 0; i < 40; ++i) {
+    for (int i = 0; i < 30; ++i) {
         const auto work_and_exit = [i] {
             auto& manager = PeriodicTaskManager::getInstance();
             for (int t = 0; t < 6; ++t) add(manager, 1ms, [] { std::this_thread::sleep_for(300us); });
