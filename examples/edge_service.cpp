@@ -1,22 +1,35 @@
-// A service of an edge device, as a host of the library: it answers JSON requests and reports raw payloads
-// over MQTT.
+// A service of an edge device, as a host of the library: it logs, reads its configuration, answers JSON
+// requests and reports raw payloads over MQTT, serves a few web APIs, reports to a web hook, and runs
+// periodic tasks.
 //
-// It tells on standard output, line by line, what happens to it; ./run drives it from outside and reads those
-// lines.
+// It tells on standard output, line by line, what happens to it; ./run drives it from outside and reads
+// those lines.
 #include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include <Config.h>
+#include <Logger.h>
 #include <MqttClient++.h>
+#include <PeriodicTaskManager.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/ServerSocket.h>
+#include <WebApiBasic.h>
+#include <WebHookBasic.h>
 
 namespace
 {
@@ -51,6 +64,8 @@ int clientThreads()
     return found;
 }
 
+using namespace std::chrono_literals;
+
 class EdgeService
 {
 public:
@@ -58,7 +73,7 @@ public:
         : client(kro::MqttClient::createInstance(broker, "edge-" + std::to_string(getpid()), user, password))
     {
         // Handlers may be added before there is a connection: each connect success subscribes them all. What
-        // captures `this` is safe because stop() ends the client before this object goes.
+        // they capture is safe because stop() ends the client before this object goes.
         client->Subscribe([this](const Poco::JSON::Object& request, const std::string&) { answer(request); },
                           "/krono/edge/request", 1);
         client->Subscribe([this](MQTTAsync_message* message, const std::string&) { report(*message); },
@@ -74,15 +89,21 @@ public:
                 say("connection lost");
                 return true;
             });
+        startWeb();
+        startTasks();
     }
 
-    /// Ends the client. Messages that wait would end the process with it, so the topics go first, and what
-    /// has arrived is handled.
+    /// The order of a host's end: first what brings work, then what does it.
     void stop()
     {
+        hook.reset();
+        kro::WebApiBasic::instance()->stop();
+        stopTasks();
+        // Messages that wait would end the process with the client, so the topics go first, and what has
+        // arrived is handled.
         for (const char* const topic : {"/krono/edge/request", "edge/raw", "edge/heartBeat"})
             client->Unsubscribe(topic);
-        while (client->GetQueueSize() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        while (client->GetQueueSize() > 0) std::this_thread::sleep_for(10ms);
         say("threads of the client: " + std::to_string(clientThreads()));
         client.reset();
         say("client ended, threads of the client: " + std::to_string(clientThreads()));
@@ -108,6 +129,73 @@ private:
         client->PublishMessage(bytes, "edge/raw/seen", 1, 0, 0);
     }
 
+    void startTasks()
+    {
+        auto& manager = kro::PeriodicTaskManager::getInstance();
+        const auto add = [&](std::string name, std::chrono::milliseconds period, std::function<void()> run,
+                             std::chrono::milliseconds timeout) {
+            task_ids.push_back(manager.registerTask(name, period, std::move(run), timeout));
+        };
+        add(
+            "heartbeat", 1s, [this] { client->PublishMessage("alive", "edge/alive", 0, 0, 0); }, 0ms);
+        add(
+            "slow", 500ms, [] { std::this_thread::sleep_for(800ms); }, 0ms);
+        add(
+            "watched", 2s, [] { std::this_thread::sleep_for(100ms); }, 1s);
+        manager.startPeriodMonitorTask();
+    }
+
+    void stopTasks()
+    {
+        auto& manager = kro::PeriodicTaskManager::getInstance();
+        manager.stopPeriodMonitorTask();
+        // The monitor ends within its interval, a tenth of the shortest period; then what runs comes to its
+        // end.
+        std::this_thread::sleep_for(100ms);
+        for (const unsigned int id : task_ids)
+            while (manager.getTaskStatus(id) == kro::TASK_RUNNING) std::this_thread::sleep_for(10ms);
+        say("periodic tasks ended");
+    }
+
+    /// One web API of each form, on the port that the configuration gives.
+    void startWeb()
+    {
+        using Request = Poco::Net::HTTPServerRequest;
+        using Response = Poco::Net::HTTPServerResponse;
+        const auto port = static_cast<Poco::UInt16>(kro::configInstance()->getUInt(kro::http::kPort));
+        // First of all, as this may fail: the port may be taken.
+        const Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", port));
+        const auto web = kro::WebApiBasic::instance();
+        web->apiRegist("/index/api/ping");
+        web->apiRegist("/index/api/tasks", [](Request&, Response& response, const kro::ApiParams&) {
+            std::stringstream listing;
+            kro::PeriodicTaskManager::getInstance().showAllTaskInfo(listing);
+            const std::string text = listing.str();
+            response.setContentType("text/plain");
+            response.sendBuffer(text.data(), text.size());
+        });
+        web->apiRegist("/index/api/status",
+                       [this](Request&, Response&, const kro::ApiParams& params, Poco::JSON::Object& result) {
+                           result.set("code", 0).set("connected", client->IsConnected());
+                           const auto name = params.find("name");
+                           if (name != params.end()) result.set("name", name->second);
+                       });
+        web->apiRegist(
+            "/index/api/publish", [this](Request&, Response&, const kro::ApiParams&,
+                                         Poco::JSON::Object& result, const Poco::JSON::Object& body) {
+                const bool sent =
+                    client->PublishMessage(body.optValue<std::string>("payload", ""),
+                                           body.optValue<std::string>("topic", "edge/web"), 1, 0, 0);
+                result.set("code", sent ? 0 : -1);
+            });
+        web->start(socket);
+        say("web APIs on port " + std::to_string(port));
+        hook->reportServerStarted();
+        hook->reportServerKeepalive();
+    }
+
+    std::vector<unsigned int> task_ids;
+    std::shared_ptr<kro::WebHookBasic> hook = kro::WebHookBasic::createInstance();
     std::shared_ptr<kro::MqttClient> client;
 };
 
@@ -132,9 +220,21 @@ int main(int argc, char** argv)
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
 
-    EdgeService service(options["--broker"], options["--user"], options["--password"]);
-    int signal = 0;
-    sigwait(&ends, &signal);
-    service.stop();
+    // The log comes first, since a thread that logs earlier never reaches it, then the defaults, then the
+    // file.
+    kro::loadLogging();
+    kro::initHttpOption();
+    kro::loadConfig();
+    try {
+        EdgeService service(options["--broker"], options["--user"], options["--password"]);
+        int signal = 0;
+        sigwait(&ends, &signal);
+        service.stop();
+    } catch (const std::exception& e) {  // a port that is taken, for one
+        std::cerr << "edge_service: " << e.what() << std::endl;
+        kro::deleteLogger();
+        return 1;
+    }
+    kro::deleteLogger();  // last: nothing may log after it
     return 0;
 }

@@ -42,7 +42,8 @@ need_packages() {
     [ $installed = yes ] || fail "could not install: ${missing[*]}"
 }
 
-BUILD_PACKAGES=(g++ cmake ninja-build ccache libpoco-dev libpaho-mqtt-dev libgtest-dev libbenchmark-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build ccache libpoco-dev libpaho-mqtt-dev libgtest-dev libbenchmark-dev zlib1g-dev)
+TEST_PACKAGES=(curl iputils-ping)
 BROKER_PACKAGES=(mosquitto mosquitto-clients)
 
 # build FLAVOUR [TARGET...]: configures when needed and builds, telling only what goes wrong.
