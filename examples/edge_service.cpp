@@ -70,7 +70,8 @@ class EdgeService
 {
 public:
     EdgeService(const std::string& broker, const std::string& user, const std::string& password)
-        : client(kro::MqttClient::createInstance(broker, "edge-" + std::to_string(getpid()), user, password))
+        : link(kro::MqttClient::createInstance(broker, "edge-" + std::to_string(getpid()), user, password)),
+          client(link.get())
     {
         // Handlers may be added before there is a connection: each connect success subscribes them all. What
         // they capture is safe because stop() ends the client before this object goes.
@@ -100,12 +101,15 @@ public:
         kro::WebApiBasic::instance()->stop();
         stopTasks();
         // Messages that wait would end the process with the client, so the topics go first, and what has
-        // arrived is handled.
-        for (const char* const topic : {"/krono/edge/request", "edge/raw", "edge/heartBeat"})
-            client->Unsubscribe(topic);
+        // arrived is handed out. Twice, because the second call waits for a message that Paho is just
+        // bringing.
+        for (int round = 0; round < 2; ++round)
+            for (const char* const topic : {"/krono/edge/request", "edge/raw", "edge/heartBeat"})
+                client->Unsubscribe(topic);
         while (client->GetQueueSize() > 0) std::this_thread::sleep_for(10ms);
         say("threads of the client: " + std::to_string(clientThreads()));
-        client.reset();
+        while (link.use_count() > 1) std::this_thread::sleep_for(10ms);  // a connection attempt may hold it
+        link.reset();                                                    // waits for handlers
         say("client ended, threads of the client: " + std::to_string(clientThreads()));
     }
 
@@ -196,7 +200,10 @@ private:
 
     std::vector<unsigned int> task_ids;
     std::shared_ptr<kro::WebHookBasic> hook = kro::WebHookBasic::createInstance();
-    std::shared_ptr<kro::MqttClient> client;
+    std::shared_ptr<kro::MqttClient> link;
+    // What handlers and tasks use: good until the client has ended. `link` is null from its reset() on, which
+    // only then waits for them.
+    kro::MqttClient* const client;
 };
 
 }  // namespace

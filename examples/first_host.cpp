@@ -1,29 +1,28 @@
 #include <chrono>
-#include <iostream>
+#include <string>
 #include <thread>
 
+#include <Logger.h>
 #include <MqttClient++.h>
 
 int main(int argc, char** argv)
 {
+    kro::loadLogging();  // to standard error, and into /media/log/tolvan, which must be writable
     const std::string broker = argc > 1 ? argv[1] : "tcp://127.0.0.1:1883";
     auto client = kro::MqttClient::createInstance(broker, "first-host", argc > 2 ? argv[2] : "",
                                                   argc > 3 ? argv[3] : "");
     client->Subscribe(
-        [&](const Poco::JSON::Object& hello, const std::string&) {
+        [mqtt = client.get()](const Poco::JSON::Object& hello, const std::string&) {
             const auto name = hello.optValue<std::string>("name", "stranger");
-            client->PublishMessage("Hello, " + name, "hello/reply", 1, 0, 0);
+            mqtt->PublishMessage("Hello, " + name, "hello/reply", 1, 0, 0);
         },
         "hello", 1);
-    client->Connect(
-        [](int code) {
-            std::cout << (code == 0 ? "connected" : "not connected, trying again") << std::endl;
-            return true;
-        },
-        [](const std::string&) { return true; });  // it reconnects by itself
+    client->Connect({}, {});  // from now on it is connected, or on its way back; the log tells
 
     std::this_thread::sleep_for(std::chrono::minutes(1));
-    client->Unsubscribe("hello");  // a client must not end with messages waiting
+    // A client must not end with messages waiting; the second call waits for one that is just coming in.
+    for (int i = 0; i < 2; ++i) client->Unsubscribe("hello");
     while (client->GetQueueSize() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     client.reset();  // waits for handlers, then ends the client's threads
+    kro::deleteLogger();
 }

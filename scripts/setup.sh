@@ -25,21 +25,34 @@ need_packages() {
     local log no_start=/usr/sbin/policy-rc.d installed=yes
     log=$(mktemp)
     # Packages with a service must not start it: the tests bring their own. Only where nobody has said so already.
-    if [ -e $no_start ]; then no_start=; else
-        printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee $no_start >/dev/null
-        "${as_root[@]}" chmod +x $no_start
+    [ ! -e $no_start ] || no_start=
+    tidy_up() {
+        rm -f "$log"
+        [ -z "$no_start" ] || "${as_root[@]}" rm -f "$no_start"
+    }
+    trap 'tidy_up; exit 130' INT TERM
+    if [ -n "$no_start" ]; then
+        printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$no_start" >/dev/null
+        "${as_root[@]}" chmod +x "$no_start"
     fi
     install_missing() {
-        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+            apt-get install -y --no-install-recommends "${missing[@]}" >>"$log" 2>&1
     }
-    install_missing >"$log" 2>&1 || {
-        "${as_root[@]}" apt-get update >>"$log" 2>&1
-        install_missing >>"$log" 2>&1 || installed=no
-    }
-    [ -z $no_start ] || "${as_root[@]}" rm -f $no_start
+    if ! install_missing; then
+        "${as_root[@]}" apt-get update >>"$log" 2>&1 || true
+        install_missing || installed=no
+    fi
     [ $installed = yes ] || tail -n 15 "$log" >&2
-    rm -f "$log"
+    tidy_up
+    trap - INT TERM
     [ $installed = yes ] || fail "could not install: ${missing[*]}"
+}
+
+# The host and the tests get /media and the configuration directory to themselves.
+need_private_dirs() {
+    unshare --mount true 2>/dev/null || unshare --user --map-root-user --mount true 2>/dev/null ||
+        fail "this needs a mount namespace of its own: run it as root, or allow unprivileged user namespaces"
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build ccache libpoco-dev libpaho-mqtt-dev libgtest-dev libbenchmark-dev zlib1g-dev)
@@ -60,5 +73,7 @@ build() {
         { grep -v '^\[' "$log" | tail -n 60 >&2; fail "the build failed, see $log"; }
 }
 
+# Nothing is left outside build/, the compiler's cache included.
+export CCACHE_DIR=$PWD/build/ccache
 # Mosquitto lies where only root's path leads.
 export PATH=$PATH:/usr/sbin:/sbin

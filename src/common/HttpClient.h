@@ -64,8 +64,7 @@ public:
 
     /// The GET on the calling thread, with failures left to the caller.
     /// @throws Poco::Exception for every failure, with nothing logged and the callback not called; and
-    /// whatever
-    ///         the callback throws.
+    ///         whatever the callback throws.
     void do_http_request(std::string url, HttpResponseCallback callback);
 
 private:

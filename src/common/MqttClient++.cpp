@@ -167,9 +167,19 @@ void MqttClient::Impl::TellConnectResult(int code)
     if (callback) callback(code);
 }
 
+void MqttClient::Impl::TellConnectionLost(const std::string& cause)
+{
+    std::unique_lock<std::mutex> lock(control_mutex);
+    const auto callback = connection_lost_callback;
+    lock.unlock();
+    if (callback) callback(cause);
+}
+
 void MqttClient::Impl::StartMessageProcessor()
 {
-    if (processor_started) return;  // a client keeps its one processor when its handle is replaced
+    // A client keeps its one processor when its handle is replaced. Asked in this order: ~Impl stops
+    // reconnecting before it stops the processor, and none may be started behind it.
+    if (processor_started || stop_reconnect) return;
     processor_started = true;
     message_processor_thread = std::thread([this] {
         nameThisThread("kro-mqtt-proc");
@@ -391,10 +401,7 @@ void MqttClient::OnConnectionLost(void* context, char* cause)
     impl.connection_state = Disconnected;
     impl.connected = false;
     impl.reconnecting = false;
-    std::unique_lock<std::mutex> lock(impl.control_mutex);
-    const auto lost = impl.connection_lost_callback;
-    lock.unlock();
-    if (lost) lost(cause == nullptr ? "" : cause);
+    impl.TellConnectionLost(cause == nullptr ? "" : cause);
     client->ScheduleReconnect("connection lost");
 }
 
@@ -508,7 +515,8 @@ void MqttClient::Subscribe_l(const MessageHandler& handler, const std::string& t
 {
     static std::atomic<int> call_count{0};  // numbers the log line, across all clients
     try {
-        KRO_LOG_INFORMATION("Subscribe call #%d for topic: %s", ++call_count, topic);
+        const int number = ++call_count;
+        KRO_LOG_INFORMATION("Subscribe call #%d for topic: %s", number, topic);
         const std::lock_guard<std::mutex> lock(impl->client_mutex);
         {
             const std::lock_guard<std::mutex> map_lock(impl->subscribe_mutex);
@@ -562,6 +570,7 @@ void MqttClient::Unsubscribe(std::string topic)
         const std::lock_guard<std::mutex> lock(impl->client_mutex);
         const MQTTAsync handle = impl->async_client;
         if (handle == nullptr) {
+            // Settled: without a handle the topic stays in the table.
             KRO_LOG_ERROR("Failed to unsubscribe topic=%s, mqtt client is null", topic);
             return;
         }
@@ -578,7 +587,7 @@ void MqttClient::Unsubscribe(std::string topic)
     } catch (const std::exception& e) {
         KRO_LOG_ERROR(e.what());
     }
-    // Forgotten even when the broker could not be told: no later connection subscribes it again.
+    // Settled: forgotten even when the broker could not be told. No later connection subscribes it again.
     const std::lock_guard<std::mutex> lock(impl->subscribe_mutex);
     impl->subscribe_map.erase(topic);
     KRO_LOG_INFORMATION("--Success to erase topic %s from subscribe map", topic);
@@ -609,7 +618,7 @@ bool MqttClient::PublishMessage(std::string payload, std::string topic, int qos,
     // Settled: the send runs outside client_mutex, so a reconnection may replace the handle at this moment.
     // It is read afresh here, so that the new one or none is met rather than the old one.
     const int code = payload.size() > INT_MAX
-                         ? MQTTASYNC_FAILURE  // more than a payloadlen can say
+                         ? MQTTASYNC_FAILURE  // Paho's length is an int, and would say another one
                          : MQTTAsync_sendMessage(impl->async_client, topic.c_str(), &message, &options);
     if (code != MQTTASYNC_SUCCESS) {
         KRO_LOG_ERROR("Failed to publish message for topic %s, return code %d", topic, code);
@@ -858,6 +867,7 @@ void MqttClient::Disconnect()
     else
         KRO_LOG_INFORMATION("Success to disconnect.");
     lock.unlock();
+    // Settled: down whatever Paho answered; and a reconnection that is already scheduled goes on.
     impl->connection_state = Disconnected;
     impl->connected = false;
 }
@@ -918,11 +928,9 @@ void MqttClient::Impl::Cleanup()
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDisconnectTimeoutMs);
     if (has_ended.wait_until(deadline) == std::future_status::timeout)
         KRO_LOG_WARNING("Disconnect timeout, forcing destroy");
+    async_client = nullptr;  // first: a publish looks without the mutex, and must not see what is gone
     MQTTAsync_destroy(&handle);
-    async_client =
-        handle;  // null from Paho: a publish that looks without the mutex must not see what is gone
     KRO_LOG_INFORMATION("destroy mqtt client");
-    async_client = nullptr;
     // Settled: a second for Paho's threads to let go of the handle, with client_mutex held.
     std::this_thread::sleep_for(std::chrono::seconds(1));
 }

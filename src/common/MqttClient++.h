@@ -14,31 +14,39 @@
 namespace kro
 {
 
-/// One MQTT 3.1.1 broker link that stays up for as long as the object lives: it reconnects without limit and
-/// subscribes everything again after each success.
+/// A link to one MQTT 3.1.1 broker that stays up for as long as the object lives: every failure and loss that
+/// Paho reports leads to a new attempt, without limit, and each success subscribes everything again. What
+/// Paho refuses at once is not tried again: after a refused attempt call Connect(), and after a refused
+/// handle ("Failed to create async mqtt client" in the log) make a new client.
 ///
-/// A client is made with createInstance(), held by the host's std::shared_ptr, and ends when the last
-/// reference goes. That ending joins the client's two threads, so it waits for handlers that still run, and
-/// takes 1 s while connected and 6 s while not. Every result code that is handed on is Paho's own, 0 for
-/// success.
+/// Made with createInstance() and held by the host's std::shared_ptr. The end of the last reference joins the
+/// client's two threads, so it waits for handlers that still run, and takes 1 s while connected and 6 s while
+/// not. Every result code that is handed on is Paho's own, 0 for success.
 ///
-/// **Threads.** Every operation may be called from any thread, unless the callbacks below say otherwise.
-/// Handlers run on a pool of 32 threads that all clients of the process share, several at once and in any
-/// order, even for one topic. A handler that finds all 32 busy ends the process: keep handlers short.
+/// **Threads.** Every operation but the setters of callbacks may be called from any thread, with the exceptions
+/// below. Handlers run on a pool of 32 threads that all clients of the process share, several at once and in
+/// any order, even for one topic. A message that finds all 32 busy ends the process: keep handlers short.
+/// Connection attempts and Subscribe() take threads of the same pool, and hold them for up to 6 s while a
+/// handle is being replaced: don't call Subscribe() dozens of times at a stretch.
 ///
-/// **On a Paho thread** (connect and loss callbacks, delivery callback) Paho holds its process-wide lock, and
-/// so the callback must not block and must not call Subscribe(), Unsubscribe(), PublishMessage(),
-/// Disconnect(), nor drop the last reference to any client: each may wait for a thread that waits for Paho.
-/// Connect(), IsConnected(), getstation(), the counters and the plain setters are safe there. To do more,
-/// hand it to a thread of the host's.
+/// **Forbidden in callbacks.** Connect()'s callbacks and the delivery callback run on Paho's threads, with Paho's
+/// process-wide lock held. They must not block, and must not call Subscribe(), Unsubscribe(), PublishMessage(),
+/// Disconnect() or a setter of a callback, nor drop the last reference to any client: each may wait for a thread
+/// that waits for Paho. Connect(), IsConnected(), getstation(), SetVehicleConn(), setLinkType() and the counters
+/// are safe there. To do more, hand it to a thread of the host's.
 ///
-/// **Dropping the last reference** is for a thread of the host: not a handler of this client (the end would
-/// wait for itself), not a callback, and not before the task posted by Connect() and the tasks of Subscribe()
-/// have run (the first holds a reference on the client's own thread, where the end of the client ends the
-/// process; the others hold a plain pointer).
+/// **Ending a client.** On a thread of the host's, never in a handler or callback:
+/// 1. Unsubscribe() every topic, twice (the second call waits for a message that Paho is just handing over), and
+///    wait until GetQueueSize() is 0: a client that ends with messages waiting ends the process.
+/// 2. Wait until the shared_ptr's use_count() is 1: the task of Connect() holds a reference, and were it the last
+///    one, the client would end on its own control thread, and the process with it; a connection attempt holds one
+///    for up to 6 s, and would end the client on a pool thread. Subscribe()'s tasks hold a plain pointer: let
+///    them run, too.
+/// 3. Drop the reference. A handler that runs at that moment must not reach the client through the same
+///    shared_ptr, which is null from here on: let it keep the plain pointer, which is good until it returns.
 ///
-/// What a handler or callback captures is destroyed with internal locks held: captures must not call into any
-/// MqttClient from their destructors, nor hold the last reference to one.
+/// What handlers and callbacks capture is destroyed with internal locks held: the destructors of captures
+/// must not call into any client, nor hold the last reference to one.
 class KRO_API MqttClient : public std::enable_shared_from_this<MqttClient>
 {
 public:
@@ -50,8 +58,7 @@ public:
 
     /// Makes a new, independent client. Nothing is connected before Connect().
     /// @param server_uri  as MQTTAsync_create takes it, "tcp://host:port". One that Paho refuses is logged,
-    /// and the
-    ///                    client that comes back never connects.
+    ///                    and the client that comes back never connects.
     /// @param client_id   MQTT client identifier (MQTT 3.1.1 section 3.1.3.1), unique at the broker.
     /// @param username    sent with every connect, even when empty.
     /// @param password    likewise.
@@ -59,7 +66,7 @@ public:
     static std::shared_ptr<MqttClient> createInstance(std::string server_uri, std::string client_id,
                                                       std::string username, std::string password);
 
-    /// Public for createInstance()'s sake: a client that no std::shared_ptr owns can't Connect().
+    /// A client that no std::shared_ptr owns can't Connect(): use createInstance().
     MqttClient(std::string server_uri, std::string client_id, std::string username, std::string password);
     ~MqttClient();
     MqttClient(const MqttClient&) = delete;
@@ -69,20 +76,18 @@ public:
     /// once. May be called again at any time. The setters further down take no lock: use them before the
     /// first Connect().
     /// @param on_connect  told the result of each attempt, those of reconnections too: 0, Paho's code, or -1.
-    /// Runs on
-    ///                    a Paho thread (see above); when Paho refuses to start an attempt, on a pool thread
-    ///                    with the connection's lock held, where the same calls are forbidden. Its result is
-    ///                    ignored. May be empty.
+    ///                    Runs on a Paho thread (see above); when Paho refuses to start an attempt, on a pool
+    ///                    thread with the connection's lock held, where the same calls are forbidden. Its
+    ///                    result is ignored. May be empty.
     /// @param on_lost     told the cause of each lost connection, often empty; on a Paho thread. Its result
-    /// is
-    ///                    ignored. May be empty.
+    ///                    is ignored. May be empty.
     /// @throws std::bad_weak_ptr if no std::shared_ptr owns the client; the callbacks are stored even so.
     void Connect(std::function<bool(int)> on_connect, std::function<bool(const std::string&)> on_lost);
 
-    /// Asks the broker to end the connection, waiting up to 3 s for messages in flight on Paho's side, and
-    /// returns at once. Threads, queue and subscriptions stay: Connect() may follow. A reconnection that is
-    /// already scheduled is not cancelled. Waits for a running connection step, up to 6 s. Failures are
-    /// logged.
+    /// Asks the broker to end the connection; what is in flight gets up to 3 s, which this call does not wait
+    /// for. (It waits for its turn, up to 6 s while a handle is being replaced.) Threads, queue and
+    /// subscriptions stay, and Connect() may follow; Paho refuses that until the old connection has ended. A
+    /// reconnection that is already scheduled is not cancelled. Failures are logged.
     void Disconnect();
 
     /// @return true while the link is up.
@@ -93,12 +98,10 @@ public:
     /// Failures are only logged. If the pool is full the work is done on the calling thread, which may then
     /// wait for a running connection step.
     /// @param handler  runs on a pool thread; what it throws is dropped. Add one for each call: a second call
-    /// for a
-    ///                 filter adds a second handler.
+    ///                 for a filter adds a second handler.
     /// @param topic    MQTT topic filter. Inbound topics are looked up by the exact key; failing that, by the
-    /// text in
-    ///                 front of the first "/#" or else "/+", as a plain prefix, first match only: "a/+/c"
-    ///                 also gets "a/b/d" and "abc", while "#" and "+/x" get nothing.
+    ///                 text in front of the first "/#" or else "/+", as a plain prefix, first match only:
+    ///                 "a/+/c" also gets "a/b/d" and "abc", while "#" and "+/x" get nothing.
     /// @param qos      0, 1 or 2 (MQTT 3.1.1 section 4.3).
     void Subscribe(MessageHandler handler, std::string topic, int qos);
 
@@ -118,8 +121,8 @@ public:
     /// @param retained  0 or 1; passed on unchecked.
     /// @param reserved  ignored.
     /// @return true if Paho took it; delivery is told by the callback of SetDeliveryCompleteCallback() or an
-    /// ERROR
-    ///         line. False without a connection (in silence) or when Paho refuses (logged).
+    ///         ERROR line. False without a connection or when Paho refuses it, which is logged unless there
+    ///         was no connection from the start.
     bool PublishMessage(std::string payload, std::string topic, int qos, int retained, int reserved);
 
     /// Throws away everything that waits in the inbound queue.
@@ -131,8 +134,7 @@ public:
     std::string getstation();
 
     /// @param callback  told the token of each message that was delivered as its QoS asks; on a Paho thread.
-    /// May be
-    ///                  empty. Not to be changed while messages are in flight.
+    ///                  May be empty. Not to be changed while messages are in flight.
     void SetDeliveryCompleteCallback(std::function<void(int)> callback);
 
     /// Stored for the host's use; the library never calls it.
@@ -141,9 +143,8 @@ public:
     void setMessagePushSpliceCallback(std::function<void(std::string&)> callback);
 
     /// @param callback  the gate in front of JSON handlers: gets the object, the topic and the subscription's
-    /// QoS, on
-    ///                  a pool thread. 1 lets the message through, any other result drops it in silence. May
-    ///                  be empty.
+    ///                  QoS, on a pool thread. 1 lets the message through, any other result drops it in
+    ///                  silence. May be empty.
     void setMsgFwdHandlerCallback(
         std::function<unsigned char(const Poco::JSON::Object&, std::string, int)> callback);
 
@@ -151,13 +152,11 @@ public:
     void SetVehicleConn(bool vehicle_conn);
 
     /// @param link_type  1 lets heartbeats, telemetry, camera and audio APIs and "response" messages in; any
-    /// other
-    ///                   value, also the default 0, throws them away on arrival. Acts at once.
+    ///                   other value, also the default 0, throws them away on arrival. Acts at once.
     void setLinkType(int link_type);
 
     /// @return true if topic or payload belong to the class of heartbeats and telemetry. Parses the payload
-    /// of every
-    ///         topic that doesn't tell by itself.
+    ///         of every topic that doesn't tell by itself.
     bool IsTelemetryMessage(const std::string& topic, const std::string& payload);
 
     std::size_t GetQueueSize() const;        ///< entries waiting for a handler: at most 100,000

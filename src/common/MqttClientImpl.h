@@ -84,8 +84,9 @@ struct MqttClient::Impl
     /// included.
     void PostControlTask(std::function<void()> task);
 
-    /// Calls connect_callback if it is set; takes control_mutex, and calls with it released.
+    /// Each calls one of Connect's callbacks if it is set; takes control_mutex, and calls with it released.
     void TellConnectResult(int code);
+    void TellConnectionLost(const std::string& cause);
 
     void StartMessageProcessor();  // client_mutex held
     void ProcessMessages();
@@ -108,7 +109,9 @@ struct MqttClient::Impl
     std::string password;
     // Changed with client_mutex held; atomic because a publish looks at it before it takes the mutex.
     std::atomic<MQTTAsync> async_client{nullptr};
-    std::atomic<bool> connected{false};  // what Subscribe and Unsubscribe look at
+    // Settled: two fields tell whether the link is up. Subscribe and Unsubscribe look at `connected`, all
+    // others at `connection_state`; they change one after the other, not together.
+    std::atomic<bool> connected{false};
     std::atomic<bool> processor_started{false};
     std::atomic<bool> reconnecting{false};    // a reconnection owns the step from handle to attempt
     std::atomic<bool> stop_reconnect{false};  // set for good by ~Impl
@@ -127,9 +130,9 @@ struct MqttClient::Impl
     std::function<unsigned char(const Poco::JSON::Object&, std::string, int)> msg_fwd_handler_callback;
     std::atomic<bool> vehicle_conn{false};  // held for hosts only
     std::atomic<std::int32_t> link_type{0};
-    std::string reserved_text;                                 // stays empty
-    std::atomic<std::int32_t> connection_state{Disconnected};  // what all the others look at
-    std::atomic<std::int32_t> failure_count{0};                // failures and losses since the last success
+    std::string reserved_text;  // stays empty
+    std::atomic<std::int32_t> connection_state{Disconnected};
+    std::atomic<std::int32_t> failure_count{0};  // failures and losses since the last success
     // These three are plain: the first and the last belong to Paho's callbacks, which never overlap, and the
     // other to the control thread.
     std::int64_t reconnect_base_delay = 1000;                    // milliseconds
@@ -140,7 +143,7 @@ struct MqttClient::Impl
     std::condition_variable reconnect_cv;
     std::thread message_processor_thread;
     std::deque<AsyncMessage> message_queue;
-    mutable std::mutex queue_mutex;  // guards message_queue; a leaf
+    std::mutex queue_mutex;  // guards message_queue; a leaf
     std::condition_variable queue_cv;
     std::atomic<std::size_t> memory_usage{0};  // sum of the costs in message_queue
     std::atomic<std::size_t> dropped_messages{0};

@@ -45,8 +45,7 @@ public:
     NotificationCenter& operator=(const NotificationCenter&) = delete;
 
     /// @return the process's one centre, made at the first call. It ends with the process, and lets its
-    /// entries
-    ///         go then: their destructors must not use it.
+    ///         entries go then: their destructors must not use it.
     /// @throws Poco::SystemException if its mutex can't be locked or unlocked.
     static NotificationCenter& defaultCenter();
 

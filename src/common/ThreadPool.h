@@ -49,8 +49,7 @@ public:
     /// (Poco::Exception is one); anything else goes to Poco::ThreadPool's error handler.
     /// @param task  may be empty: it then takes a thread and runs nothing.
     /// @throws Poco::NoThreadAvailableException if all threads are busy; the refusal is logged at ERROR, and
-    /// the
-    ///         task never runs.
+    ///         the task never runs.
     void start(std::function<void()> task);
 
     /// As above.

@@ -80,8 +80,7 @@ public:
     /// until the reporter is destroyed. A further call begins anew, with a request at once. The ticks run on
     /// a thread of Poco::ThreadPool::defaultPool() and do not wait for earlier requests.
     /// @throws Poco::NoThreadAvailableException if POCO's default pool is full (16 threads, which it shares
-    /// with
-    ///         the connections of POCO's HTTP servers): call it before the server gets busy.
+    ///         with the connections of POCO's HTTP servers): call it before the server gets busy.
     void reportServerKeepalive();
 
     void onTimer(Poco::Timer& timer);  ///< one tick; `timer` is not looked at
