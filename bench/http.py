@@ -55,21 +55,32 @@ def start_nginx(directory, port, path, answer):
 
 
 def cpu_seconds(process):
-    """User and system time of the process, without its children."""
-    with open(f"/proc/{process.pid}/stat", encoding="ascii") as file:
-        fields = file.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    """User and system time of the process and its children (nginx serves in children)."""
+    total = 0
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{entry}/stat", encoding="ascii", errors="replace") as file:
+                fields = file.read().rsplit(")", 1)[1].split()
+        except OSError:
+            continue
+        if process.pid in (int(entry), int(fields[1])):
+            total += int(fields[11]) + int(fields[12])
+    return total / os.sysconf("SC_CLK_TCK")
 
 
-def load(port, path, connections, seconds):
-    """Requests a second, and the latencies of the median and of the slowest hundredth in microseconds."""
+def load(process, port, path, connections, seconds):
+    """Requests a second, latencies of the median and of the slowest hundredth, and the server's processor time for
+    a request, these in microseconds."""
+    before = cpu_seconds(process)
     out = subprocess.run(["wrk", "-t1", f"-c{connections}", f"-d{seconds}s", "--latency",
                           f"http://127.0.0.1:{port}{path}"], capture_output=True, text=True, check=True).stdout
     if "Non-2xx" in out:
         sys.exit(out)
     latencies = {share: float(value) * UNITS[unit] for share, value, unit in
-                 re.findall(r"^\s+(50|99)%\s+([\d.]+)(us|ms|s)$", out, re.M)}
-    return float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1)), latencies["50"], latencies["99"]
+                 re.findall(r"^\s+(50|99)%\s+([\d.]+)(us|ms|s)\s*$", out, re.M)}
+    requests = int(re.search(r"(\d+) requests in", out).group(1))
+    return (float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1)), latencies["50"], latencies["99"],
+            (cpu_seconds(process) - before) / requests * 1e6)
 
 
 def main():
@@ -87,17 +98,17 @@ def main():
     path, answer = kinds["bare"]
     if "cpp-httplib" not in kinds:
         print("cpp-httplib is left out: HttpBenchServer was built without it")
-    ports, processes = {}, []
+    ports, processes = {}, {}
     with tempfile.TemporaryDirectory() as directory:
         try:
             for kind in kinds:
                 ports[kind] = free_port()
-                processes.append(subprocess.Popen([options.server, kind, str(ports[kind])],
-                                                  stdin=subprocess.PIPE))
+                processes[kind] = subprocess.Popen([options.server, kind, str(ports[kind])],
+                                                   stdin=subprocess.PIPE)
                 wait_for(ports[kind])
             if shutil.which("nginx"):
                 ports["nginx"] = free_port()
-                processes.append(start_nginx(directory, ports["nginx"], path, answer))
+                processes["nginx"] = start_nginx(directory, ports["nginx"], path, answer)
                 wait_for(ports["nginx"])
             else:
                 print("nginx is left out: it is not installed")
@@ -106,17 +117,20 @@ def main():
                 for turn in range(options.rounds):
                     order = list(ports)
                     for kind in order if turn % 2 == 0 else reversed(order):
-                        figures[kind].append(load(ports[kind], path, connections, options.seconds))
+                        figures[kind].append(load(processes[kind], ports[kind], path, connections,
+                                                  options.seconds))
                 print(f"{connections} connections")
                 for kind, rows in figures.items():
-                    rate, median, slow = (statistics.median(column) for column in zip(*rows))
-                    ratio = statistics.median(row[0] / bare[0] for row, bare in zip(rows, figures["bare"]))
+                    rate, median, slow, cpu = (statistics.median(column) for column in zip(*rows))
+                    ratio, cost = (statistics.median(row[i] / bare[i] for row, bare in
+                                                     zip(rows, figures["bare"])) for i in (0, 3))
                     print(f"  {kind:12} {rate:9.0f} requests/s  median {median:7.0f} us  99 % {slow:8.0f} us"
-                          f"  {ratio:5.2f} of bare")
+                          f"  processor {cpu:5.1f} us"
+                          f"  of bare: rate {ratio:.2f}, processor {cost:.2f}")
         finally:
-            for process in processes:
+            for process in processes.values():
                 process.send_signal(signal.SIGTERM)
-            for process in processes:
+            for process in processes.values():
                 process.wait()
 
 

@@ -31,7 +31,8 @@ using RequestCallback = std::function<void(Poco::Net::HTTPServerRequest&, Poco::
 class KRO_API HttpServer
 {
 public:
-    /// @param socket    bound and listening; one that does not listen gives a server that serves nothing.
+    /// @param socket    bound and listening; with one that does not listen nothing is served, and the thread
+    ///                  that POCO accepts on spins.
     /// @param params    shared with POCO's server.
     /// @param callback  copied. An empty one is found out at each request, which then gets 500.
     HttpServer(const Poco::Net::ServerSocket& socket, Poco::AutoPtr<Poco::Net::HTTPServerParams> params,

@@ -44,8 +44,8 @@ extern KRO_API const std::string kRetry;            ///< "hook.retry", default 1
 extern KRO_API const std::string kRetryDelay;       ///< "hook.retry_delay", seconds, default 3
 extern KRO_API const std::string kOnServerStarted;  ///< "hook.on_server_started", the url of both reports
 extern KRO_API const std::string
-    kOnServerKeepalive;        ///< "hook.on_server_keepalive", a url that is never used
-extern const onceToken token;  // writes the defaults
+    kOnServerKeepalive;                ///< "hook.on_server_keepalive", a url that is never used
+extern KRO_API const onceToken token;  ///< writes the defaults while the library loads
 }  // namespace Hook
 
 /// Gets the status of the answer and its body, an empty object unless the body is a JSON object. Runs on a
