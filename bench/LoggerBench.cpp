@@ -212,7 +212,7 @@ void callOnce(benchmark::State& state, int burst, std::chrono::microseconds paus
 template <typename Log>
 void BM_CallWorkerAwake(benchmark::State& state)
 {
-    callOnce<Log>(state, 200, std::chrono::milliseconds(3));
+    callOnce<Log>(state, 1000, std::chrono::milliseconds(15));
 }
 
 template <typename Log>
@@ -257,7 +257,7 @@ void BM_CallConsoleStalled(benchmark::State& state)
         s_stalled = std::make_unique<StalledConsole>();
         for (int i = 0; i < 2000; ++i) log<Log>().line(i);  // fills the console's queue
     }
-    callOnce<Log>(state, 200, std::chrono::milliseconds(3));
+    callOnce<Log>(state, 1000, std::chrono::milliseconds(15));
     if (state.thread_index() == 0) {
         s_stalled.reset();
         log<Log>().flush();
