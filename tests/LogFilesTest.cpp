@@ -376,7 +376,7 @@ public:
 
 TEST_F(LogFilesTest, BeginsANewFileAtMidnight)
 {
-    const MidnightAhead soon(3);
+    const MidnightAhead soon(4);
     EXPECT_EQ(runHost("logThroughMidnight"), 0);
     const auto files = logFiles("loghost");
     ASSERT_EQ(files.size(), 2u);
@@ -392,7 +392,7 @@ TEST_F(LogFilesTest, BeginsANewFileAtMidnight)
 
 TEST_F(LogFilesTest, StaysWithTheFormerFileWhenTheRenewalFails)
 {
-    const MidnightAhead soon(3);
+    const MidnightAhead soon(4);
     EXPECT_EQ(runHost("failAtMidnight"), 0);
     EXPECT_EQ(logFiles("loghost").size(), 1u);
     EXPECT_EQ(hostTexts().back(), "Log destroyed");

@@ -46,10 +46,9 @@ namespace kro
 ///         nothing is registered then, and a later call may succeed. What an earlier call set up stays.
 KRO_API void loadLogging();
 
-/// Ends the daily thread, and with it the renewal of the file. Lines that wait are still written, and threads
-/// that have logged before may go on; the functions below, but for the mask of other processes, and a
-/// thread's first log call must not follow. Does nothing the second time. Waits for a renewal that is under
-/// way.
+/// Ends logging: the daily thread is joined, so a renewal that is under way is waited for. Lines that wait
+/// are still written, and threads that have logged before may go on. After it, no other function of this
+/// header may be called, and no thread may log for the first time. Does nothing the second time.
 KRO_API void deleteLogger() noexcept;
 
 /// @return the name under which the process's logger is registered with POCO; empty before loadLogging().

@@ -157,6 +157,7 @@ void failAtMidnight()
 {
     kro::loadLogging();
     onNewThread([] { KRO_LOG_INFORMATION("before midnight"); });
+    kro::test::flushLog();  // the file is open from here on
     std::filesystem::rename("/media/log", "/media/kept");
     std::ofstream("/media/log") << "in the way";
     expect(eventually([] {
