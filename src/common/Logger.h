@@ -66,7 +66,8 @@ KRO_API bool canLog(unsigned int bits);
 /// @return the logger that the calling thread took at its first log call, and keeps for its life: one
 ///         thread-local read, with no lock and no look-up. It stays good across every renewal of the file,
 ///         and to the process's end. A thread that logs before loadLogging() keeps POCO's logger of the empty
-///         name and never reaches the log file.
+///         name and never reaches the log file. The first call of a thread waits for a renewal that
+///         is under way, and so until the lines of the day before are written.
 KRO_API Poco::Logger& cachedLogger();
 
 /// A channel that never makes its callers wait: log() puts the message in a queue, and a thread of the
