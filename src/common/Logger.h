@@ -105,6 +105,7 @@ protected:
 
 private:
     friend class LogSplitter;
+    friend struct LoggerTestAccess;
 
     // Logs to both, and wakes one worker at most: a sleeping file worker wakes the console's before it
     // writes.
