@@ -44,6 +44,8 @@ using Clock = std::chrono::steady_clock;
 using Branch = Poco::AutoPtr<kro::NonBlockingLoggerChannel>;
 
 constexpr std::chrono::seconds kPatience(1);
+const int s_shrink =
+    std::getenv("KRO_BENCH_INSTANT") == nullptr ? 1 : 20;  // for a run that only shows it runs
 const std::string s_topic = "krono/device/telemetry";
 
 /// The library's own log, as a host sets it up.
@@ -212,7 +214,7 @@ void callOnce(benchmark::State& state, int burst, std::chrono::microseconds paus
 template <typename Log>
 void BM_CallWorkerAwake(benchmark::State& state)
 {
-    callOnce<Log>(state, 200, std::chrono::milliseconds(3));
+    callOnce<Log>(state, 1000, std::chrono::milliseconds(15));
 }
 
 template <typename Log>
@@ -257,7 +259,7 @@ void BM_CallConsoleStalled(benchmark::State& state)
         s_stalled = std::make_unique<StalledConsole>();
         for (int i = 0; i < 2000; ++i) log<Log>().line(i);  // fills the console's queue
     }
-    callOnce<Log>(state, 200, std::chrono::milliseconds(3));
+    callOnce<Log>(state, 1000, std::chrono::milliseconds(15));
     if (state.thread_index() == 0) {
         s_stalled.reset();
         log<Log>().flush();
@@ -269,20 +271,20 @@ void BM_CallConsoleStalled(benchmark::State& state)
 template <typename Log>
 void BM_LinesIntoTheFile(benchmark::State& state)
 {
-    constexpr int kLines = 40000;
+    const int lines = 40000 / s_shrink;
     const auto callers = static_cast<int>(state.range(0));
     Log& subject = log<Log>();
     for (auto _ : state) {
         std::vector<std::thread> threads;
         for (int i = 0; i < callers; ++i) {
-            threads.emplace_back([&subject, callers] {
-                for (int line = 0; line < kLines / callers; ++line) subject.line(line);
+            threads.emplace_back([&subject, lines, callers] {
+                for (int line = 0; line < lines / callers; ++line) subject.line(line);
             });
         }
         for (std::thread& thread : threads) thread.join();
         subject.flush();
     }
-    state.SetItemsProcessed(state.iterations() * kLines);
+    state.SetItemsProcessed(state.iterations() * lines);
 }
 
 template <typename Log>
@@ -292,12 +294,12 @@ void registerAll(const char* name)
         return benchmark::RegisterBenchmark((std::string(what) + "/" + name).c_str(), function);
     };
     add("CallWorkerAwake", BM_CallWorkerAwake<Log>)
-        ->Iterations(20000)
+        ->Iterations(20000 / s_shrink)
         ->Threads(1)
         ->Threads(4)
         ->UseManualTime();
     add("CallWorkerAsleep", BM_CallWorkerAsleep<Log>)
-        ->Iterations(2000)
+        ->Iterations(2000 / s_shrink)
         ->Threads(1)
         ->Threads(4)
         ->UseManualTime();
@@ -314,7 +316,7 @@ void registerStalled(const char* name)
 {
     benchmark::RegisterBenchmark((std::string("CallConsoleStalled/") + name).c_str(),
                                  BM_CallConsoleStalled<Log>)
-        ->Iterations(20000)
+        ->Iterations(20000 / s_shrink)
         ->Threads(1)
         ->Threads(4)
         ->UseManualTime();

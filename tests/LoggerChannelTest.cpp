@@ -17,6 +17,11 @@
 
 namespace kro
 {
+struct LoggerTestAccess
+{
+    static bool isRunning(const NonBlockingLoggerChannel& channel) { return channel.running_; }
+};
+
 namespace
 {
 using Branch = Poco::AutoPtr<NonBlockingLoggerChannel>;
@@ -135,9 +140,10 @@ TEST_F(LoggerChannelTest, LosesOneMessageAtATimeInTheFinalDrain)
     Branch branch(new NonBlockingLoggerChannel(failing, 1000));
     holdWorker(branch, failing);
     log(branch, 1, 10);
+    const NonBlockingLoggerChannel* const stopping = branch.get();
     auto destroyed = std::async(std::launch::async, [&] { branch = nullptr; });
-    // Time for the destructor to say stop, while the worker is held; should it be late, the batch fails at 3.
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // The destructor waits for the worker, which is held: the object is there until the gate opens.
+    ASSERT_TRUE(test::eventually([&] { return !LoggerTestAccess::isRunning(*stopping); }));
     Poco::AutoPtr<SlowChannel>(failing)->setOpen(true);
     destroyed.get();
     EXPECT_EQ(failing->received(), numbers(0, 10));

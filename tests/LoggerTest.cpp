@@ -128,16 +128,14 @@ TEST(LogFormatterTest, PrintsTheBytesOfPocosFormatter)
     const char* const files[] = {nullptr, "",      "plain.cpp", "/a/b/Deep.cpp",
                                  "dir/",  "/a/..", "~",         "/x/.hidden"};
     const std::string texts[] = {"", "text", std::string(3000, 'x'), "two\nlines", "%s"};
-    Poco::AutoPtr<LogFormatter> ours(new LogFormatter);
-    Poco::AutoPtr<Poco::PatternFormatter> pocos(new Poco::PatternFormatter(LogFormatter::kPattern));
-    // Odd offsets, summer time on in one half of the world now, and TZ unset as on the device.
+    // Odd offsets, and summer time on now in one half of the world.
     for (const char* const zone :
          {"UTC0", "KRO-5:45:30", "KRO11:59:59", "CET-1CEST,M3.5.0,M10.5.0/3", "AEST-10AEDT,M10.1.0,M4.1.0/3"})
     {
         SCOPED_TRACE(zone);
         const ZoneGuard guard(zone);
-        // Before the properties say local time, and after a host has chosen a pattern of its own, it is
-        // POCO's.
+        Poco::AutoPtr<LogFormatter> ours(new LogFormatter);
+        Poco::AutoPtr<Poco::PatternFormatter> pocos(new Poco::PatternFormatter(LogFormatter::kPattern));
         for (const char* const times : {"UTC", "local"}) {
             ours->setProperty("times", times);
             pocos->setProperty("times", times);

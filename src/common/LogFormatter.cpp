@@ -66,7 +66,7 @@ void LogFormatter::format(const Poco::Message& message, std::string& text)
            message.getPriority(), message.getText());
 }
 
-void LogFormatter::render(std::string& line, Poco::Timestamp time, const std::string& source,
+void LogFormatter::render(std::string& line, const Poco::Timestamp& time, const std::string& source,
                           const char* file, int source_line, Poco::Message::Priority priority,
                           const std::string& text)
 {

@@ -33,7 +33,7 @@ public:
     /// As format(), for a message that has not been built.
     /// @param time  not before 1970.
     /// @param file  path of the source file, may be null.
-    void render(std::string& line, Poco::Timestamp time, const std::string& source, const char* file,
+    void render(std::string& line, const Poco::Timestamp& time, const std::string& source, const char* file,
                 int source_line, Poco::Message::Priority priority, const std::string& text);
 
 private:

@@ -49,8 +49,8 @@ LogSplitter::~LogSplitter()
 void LogSplitter::renew(Branch file, Branch console)
 {
     auto next = std::make_unique<Branches>();
-    next->file = file;
-    next->console = console;
+    next->file = std::move(file);
+    next->console = std::move(console);
     addChannel(next->file);
     addChannel(next->console);
     const std::unique_ptr<Branches> former(current.exchange(next.release()));

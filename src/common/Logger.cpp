@@ -216,7 +216,9 @@ void registerLogger(Front& front, const std::string& name)
             front.logger.assign(&Poco::Logger::create(name, front.channel, kEverything), true);
         }
     }
-    // Only if the host has changed them, since POCO stores both in a way that races with a thread that logs.
+    // Settled: a level that the host has lowered is back at 8 after each renewal, as in a logger made anew.
+    // Stored only if the host has changed it, since POCO stores level and channel in a way that races with a
+    // thread that logs.
     if (front.logger->getLevel() != kEverything) front.logger->setLevel(kEverything);
     if (front.logger->getChannel().get() != front.channel.get()) front.logger->setChannel(front.channel);
     s_front.store(&front, std::memory_order_release);

@@ -46,10 +46,9 @@ namespace kro
 ///         nothing is registered then, and a later call may succeed. What an earlier call set up stays.
 KRO_API void loadLogging();
 
-/// Ends the daily thread, and with it the renewal of the file. Lines that wait are still written, and threads
-/// that have logged before may go on; the functions below, but for the mask of other processes, and a
-/// thread's first log call must not follow. Does nothing the second time. Waits for a renewal that is under
-/// way.
+/// Ends logging: the daily thread is joined, so a renewal that is under way is waited for. Lines that wait
+/// are still written, and threads that have logged before may go on. After it, no other function of this
+/// header may be called, and no thread may log for the first time. Does nothing the second time.
 KRO_API void deleteLogger() noexcept;
 
 /// @return the name under which the process's logger is registered with POCO; empty before loadLogging().
@@ -67,7 +66,8 @@ KRO_API bool canLog(unsigned int bits);
 /// @return the logger that the calling thread took at its first log call, and keeps for its life: one
 ///         thread-local read, with no lock and no look-up. It stays good across every renewal of the file,
 ///         and to the process's end. A thread that logs before loadLogging() keeps POCO's logger of the empty
-///         name and never reaches the log file.
+///         name and never reaches the log file. The first call of a thread waits for a renewal that
+///         is under way, and so until the lines of the day before are written.
 KRO_API Poco::Logger& cachedLogger();
 
 /// A channel that never makes its callers wait: log() puts the message in a queue, and a thread of the
@@ -105,6 +105,7 @@ protected:
 
 private:
     friend class LogSplitter;
+    friend struct LoggerTestAccess;
 
     // Logs to both, and wakes one worker at most: a sleeping file worker wakes the console's before it
     // writes.

@@ -19,6 +19,20 @@
 
 namespace kro::test
 {
+#ifdef __SANITIZE_THREAD__
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kSanitizer = true;
+#else
+constexpr bool kSanitizer = kThreadSanitizer;
+#endif
+
+/// Processes that start and stop the log, each in its turn.
+constexpr int kStarts = kSanitizer ? 100 : 1000;
+
 /// @return the paths of the log files of `base`, archives included, oldest first.
 inline std::vector<std::string> logFiles(const std::string& base,
                                          const std::string& directory = "/media/log/tolvan")
