@@ -31,14 +31,6 @@ static std::once_flag s_once_threadpool;
 namespace
 {
 
-/// @throws Poco::IllegalStateException before the first createInstance(), which a client made without it can
-/// meet.
-ThreadPool& sharedPool()
-{
-    if (!s_thread_pool) throw Poco::IllegalStateException("no MqttClient::createInstance() so far");
-    return *s_thread_pool;
-}
-
 /// For `top -H` and for debuggers; at most 15 characters.
 void nameThisThread(const char* name)
 {
@@ -91,6 +83,13 @@ std::size_t unsignedLength(int payloadlen)
 }  // namespace
 
 // ---- The client object ----
+
+// Throws before the first createInstance(), which a client made without it can meet.
+ThreadPool& MqttClient::pool()
+{
+    if (!s_thread_pool) throw Poco::IllegalStateException("no MqttClient::createInstance() so far");
+    return *s_thread_pool;
+}
 
 std::shared_ptr<MqttClient> MqttClient::createInstance(std::string server_uri, std::string client_id,
                                                        std::string username, std::string password)
@@ -309,7 +308,7 @@ void MqttClient::Connect_l()
     KRO_LOG_INFORMATION("Start connecting async mqtt client");
     // Settled: when the pool has no thread, the exception goes to the control loop, which logs it, and the
     // client stays in Connecting until the host calls Connect again.
-    sharedPool().start([this, weak = weak_from_this()] {
+    pool().start([this, weak = weak_from_this()] {
         const auto self = weak.lock();
         if (!self) {
             KRO_LOG_ERROR("this ptr is nullptr.");
@@ -503,7 +502,7 @@ void MqttClient::Subscribe(MessageHandler handler, std::string topic, int qos)
         Subscribe_l(handler, topic, qos);
     };
     try {
-        sharedPool().start(task);
+        pool().start(task);
     } catch (const std::exception& e) {
         // A full pool costs the caller its time and loses nothing.
         KRO_LOG_INFORMATION("mqtt subscribe exception: %s", std::string(e.what()));
@@ -831,7 +830,7 @@ void MqttClient::Impl::HandOverFront(std::unique_lock<std::mutex>& queue_lock, H
     auto msg = std::make_shared<AsyncMessage>(std::move(front));
     // Settled: with all 32 threads of the pool busy, start() throws, nothing on this thread catches it, and
     // the process ends. No retry, no wait, no requeueing: 32 is the ceiling on handlers at one time.
-    sharedPool().start([msg, in_flight = in_flight_handlers, gate_place = &gate] {
+    pool().start([msg, in_flight = in_flight_handlers, gate_place = &gate] {
         try {
             if (msg->handler) {
                 msg->handler(&msg->message, msg->topic);

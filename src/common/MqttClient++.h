@@ -14,6 +14,8 @@
 namespace kro
 {
 
+class ThreadPool;
+
 /// A link to one MQTT 3.1.1 broker that stays up for as long as the object lives: every failure and loss that
 /// Paho reports leads to a new attempt, without limit, and each success subscribes everything again. What
 /// Paho refuses at once is not tried again: after a refused attempt call Connect(), and after a refused
@@ -166,6 +168,8 @@ public:
 private:
     struct Impl;
     friend struct MqttClientTestAccess;
+
+    static ThreadPool& pool();  // of all clients
 
     void Create_l();   // takes client_mutex; on the constructor's thread, afterwards on the control thread
     void Connect_l();  // on the control thread

@@ -1,6 +1,7 @@
 #include "support/FakePaho.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <future>
@@ -52,7 +53,8 @@ void FakePaho::fireOnNewest(const std::function<void(Handle&)>& callback, bool w
     fire(
         [this, callback] {
             const auto found = handles.find(newest);
-            if (found != handles.end()) callback(*found->second);
+            // One that has no callbacks yet is not connected to anything either.
+            if (found != handles.end() && found->second->arrived != nullptr) callback(*found->second);
         },
         wait);
 }
@@ -243,6 +245,17 @@ void FakePaho::publishFails(int code, const char* text, bool with_response)
 
 // ---- The functions ----
 
+FakePaho::Handle& FakePaho::living(MQTTAsync handle)
+{
+    const auto found = handles.find(handle);
+    if (found == handles.end()) {
+        // The real library would touch what is gone.
+        std::fprintf(stderr, "a call with a handle that is null or destroyed\n");
+        std::abort();
+    }
+    return *found->second;
+}
+
 int FakePaho::create(MQTTAsync* handle, const char* uri, const char* id, int persistence)
 {
     const int code =
@@ -262,7 +275,7 @@ int FakePaho::setCallbacks(MQTTAsync handle, void* context, MQTTAsync_connection
     if (arrived == nullptr) return MQTTASYNC_NULL_PARAMETER;  // and the former ones stay
     if (code != 0) return code;
     const std::lock_guard<std::recursive_mutex> lock(paho_mutex);
-    Handle& own = *handles.at(handle);
+    Handle& own = living(handle);
     own.context = context;
     own.lost = lost;
     own.arrived = arrived;
@@ -271,7 +284,6 @@ int FakePaho::setCallbacks(MQTTAsync handle, void* context, MQTTAsync_connection
 
 int FakePaho::connect(MQTTAsync handle, const MQTTAsync_connectOptions& options)
 {
-    const int code = record("connect", "connect");
     const std::lock_guard<std::recursive_mutex> lock(paho_mutex);
     bool answer = false;
     {
@@ -279,8 +291,9 @@ int FakePaho::connect(MQTTAsync handle, const MQTTAsync_connectOptions& options)
         last_connect = options;
         answer = auto_connect;
     }
+    living(handle).connect = options;
+    const int code = record("connect", "connect");  // last, so that who waits for it may answer
     if (code != 0) return code;
-    handles.at(handle)->connect = options;
     if (answer) {
         fire(
             [this, handle, options] {
@@ -311,20 +324,24 @@ int FakePaho::disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions& op
     return 0;
 }
 
-int FakePaho::request(const std::string& function, const std::string& call)
+int FakePaho::request(MQTTAsync handle, const std::string& function, const std::string& call)
 {
     const int code = record(function, call);
     const std::lock_guard<std::recursive_mutex> lock(paho_mutex);
+    living(handle);
     return code;
 }
 
-int FakePaho::send(const char* topic, const MQTTAsync_message& message,
+int FakePaho::send(MQTTAsync handle, const char* topic, const MQTTAsync_message& message,
                    const MQTTAsync_responseOptions& options)
 {
-    const int code = request("send", std::string("send ") + topic + " " + std::to_string(message.qos) + " " +
-                                         std::to_string(message.retained));
+    const int code = record("send", std::string("send ") + topic + " " + std::to_string(message.qos) + " " +
+                                        std::to_string(message.retained));
     const std::lock_guard<std::recursive_mutex> lock(paho_mutex);
-    if (handles.count(newest) > 0) handles.at(newest)->publish = options;
+    const auto found = handles.find(handle);
+    if (found == handles.end())
+        return MQTTASYNC_FAILURE;  // a publish may meet a handle that is being replaced
+    found->second->publish = options;
     const std::lock_guard<std::mutex> state_lock(state_mutex);
     last_payload.assign(static_cast<const char*>(message.payload),
                         static_cast<std::size_t>(message.payloadlen));
@@ -369,22 +386,21 @@ int MQTTAsync_disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions* op
     return FakePaho::instance().disconnect(handle, *options);
 }
 
-int MQTTAsync_subscribe(MQTTAsync /*handle*/, const char* topic, int qos,
-                        MQTTAsync_responseOptions* /*options*/)
+int MQTTAsync_subscribe(MQTTAsync handle, const char* topic, int qos, MQTTAsync_responseOptions* /*options*/)
 {
-    return FakePaho::instance().request("subscribe",
+    return FakePaho::instance().request(handle, "subscribe",
                                         std::string("subscribe ") + topic + " " + std::to_string(qos));
 }
 
-int MQTTAsync_unsubscribe(MQTTAsync /*handle*/, const char* topic, MQTTAsync_responseOptions* /*options*/)
+int MQTTAsync_unsubscribe(MQTTAsync handle, const char* topic, MQTTAsync_responseOptions* /*options*/)
 {
-    return FakePaho::instance().request("unsubscribe", std::string("unsubscribe ") + topic);
+    return FakePaho::instance().request(handle, "unsubscribe", std::string("unsubscribe ") + topic);
 }
 
-int MQTTAsync_sendMessage(MQTTAsync /*handle*/, const char* topic, const MQTTAsync_message* message,
+int MQTTAsync_sendMessage(MQTTAsync handle, const char* topic, const MQTTAsync_message* message,
                           MQTTAsync_responseOptions* options)
 {
-    return FakePaho::instance().send(topic, *message, *options);
+    return FakePaho::instance().send(handle, topic, *message, *options);
 }
 
 void MQTTAsync_destroy(MQTTAsync* handle)

@@ -58,8 +58,9 @@ public:
                      MQTTAsync_messageArrived* arrived);
     int connect(MQTTAsync handle, const MQTTAsync_connectOptions& options);
     int disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions& options);
-    int request(const std::string& function, const std::string& call);
-    int send(const char* topic, const MQTTAsync_message& message, const MQTTAsync_responseOptions& options);
+    int request(MQTTAsync handle, const std::string& function, const std::string& call);
+    int send(MQTTAsync handle, const char* topic, const MQTTAsync_message& message,
+             const MQTTAsync_responseOptions& options);
     void destroy(MQTTAsync* handle);
     void freed(int pieces);
 
@@ -74,6 +75,7 @@ private:
     };
 
     FakePaho();
+    Handle& living(MQTTAsync handle);  // ends the process with a word if there is none; paho_mutex held
     int record(const std::string& function, const std::string& call);
     void fire(std::function<void()> callback, bool wait);
     void fireOnNewest(const std::function<void(Handle&)>& callback, bool wait);

@@ -5,6 +5,7 @@
 
 #include "MqttClient++.h"
 #include "MqttClientImpl.h"
+#include "ThreadPool.h"
 
 namespace kro
 {
@@ -12,6 +13,7 @@ struct MqttClientTestAccess
 {
     using Impl = MqttClient::Impl;
     static Impl& impl(MqttClient& client) { return *client.impl; }
+    static int busyThreads() { return MqttClient::pool().used(); }
     static void schedule(MqttClient& client) { client.ScheduleReconnect("a test"); }
 
     /// Ends the processor for good, so that what is delivered stays queued; release() must follow.
