@@ -78,7 +78,22 @@ private:
 class LogFilesTest : public testing::Test
 {
 protected:
-    void SetUp() override { std::filesystem::remove_all("/media/log"); }
+    void SetUp() override
+    {
+        std::filesystem::remove_all("/media/log");
+        putMidnight(std::chrono::hours(12));  // far from here, whatever the time of day
+    }
+    void TearDown() override { unsetenv("TZ"); }
+
+    /// Puts the local midnight so far ahead, for the processes started from here.
+    static void putMidnight(std::chrono::seconds ahead)
+    {
+        const std::time_t west = (std::time(nullptr) + ahead.count()) % 86400;  // UTC's time of day then
+        char zone[32];
+        std::snprintf(zone, sizeof zone, "KRO%02d:%02d:%02d", static_cast<int>(west / 3600),
+                      static_cast<int>(west / 60 % 60), static_cast<int>(west % 60));
+        setenv("TZ", zone, 1);
+    }
 
     /// The thread sanitizer sleeps a second at each exit, unless told otherwise.
     static void SetUpTestSuite()
@@ -358,25 +373,9 @@ TEST_F(LogFilesTest, NeitherLosesNorDoublesALineWhenTheHostForks)
     EXPECT_EQ(count(":from a child that loaded"), 20);
 }
 
-/// Puts the local midnight `seconds` ahead for the processes started from here.
-class MidnightAhead
-{
-public:
-    explicit MidnightAhead(std::time_t seconds)
-    {
-        const std::time_t west =
-            (std::time(nullptr) + seconds) % 86400;  // UTC's time of day at that midnight
-        char zone[32];
-        std::snprintf(zone, sizeof zone, "KRO%02d:%02d:%02d", static_cast<int>(west / 3600),
-                      static_cast<int>(west / 60 % 60), static_cast<int>(west % 60));
-        setenv("TZ", zone, 1);
-    }
-    ~MidnightAhead() { unsetenv("TZ"); }
-};
-
 TEST_F(LogFilesTest, BeginsANewFileAtMidnight)
 {
-    const MidnightAhead soon(4);
+    putMidnight(std::chrono::seconds(8));
     EXPECT_EQ(runHost("logThroughMidnight"), 0);
     const auto files = logFiles("loghost");
     ASSERT_EQ(files.size(), 2u);
@@ -392,7 +391,7 @@ TEST_F(LogFilesTest, BeginsANewFileAtMidnight)
 
 TEST_F(LogFilesTest, StaysWithTheFormerFileWhenTheRenewalFails)
 {
-    const MidnightAhead soon(4);
+    putMidnight(std::chrono::seconds(8));
     EXPECT_EQ(runHost("failAtMidnight"), 0);
     EXPECT_EQ(logFiles("loghost").size(), 1u);
     EXPECT_EQ(hostTexts().back(), "Log destroyed");
