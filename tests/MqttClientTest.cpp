@@ -42,7 +42,8 @@ protected:
 TEST_F(MqttClientTest, ConnectsThroughEveryStepInOrder)
 {
     connect();
-    const auto options = paho.lastConnect();
+    MQTTAsync_connectOptions options{};
+    paho.fire([&](auto& handle) { options = handle.connect; });
     EXPECT_EQ(options.keepAliveInterval, 90);
     EXPECT_EQ(options.connectTimeout, 20);
     EXPECT_STREQ(options.username, "user");
@@ -50,7 +51,7 @@ TEST_F(MqttClientTest, ConnectsThroughEveryStepInOrder)
     EXPECT_EQ(options.cleansession, 1);
     EXPECT_EQ(options.automaticReconnect, 0);
     EXPECT_EQ(options.MQTTVersion, 0);
-    EXPECT_EQ(paho.calls(),
+    EXPECT_EQ(paho.calls.all(),
               (std::vector<std::string>{"create tcp://broker:1883 station 1", "setCallbacks", "connect"}));
     EXPECT_EQ(results.all(), std::vector{0});
     auto lines = log.lines();
@@ -69,7 +70,8 @@ TEST_F(MqttClientTest, ConnectsThroughEveryStepInOrder)
     EXPECT_TRUE(log.has(information("client_id is station")));
 
     client->Connect([this](int code) { return results.add(code); }, {});
-    EXPECT_TRUE(eventually([&] { return paho.count("connect") == 2; })) << "no test of the present state";
+    EXPECT_TRUE(eventually([&] { return paho.calls.count("connect") == 2; }))
+        << "no test of the present state";
     EXPECT_TRUE(logged(information("MQTT connection established successfully"), 2));
 }
 
@@ -111,7 +113,7 @@ TEST_F(MqttClientTest, StartsNoProcessorBehindTheEndOfItsClient)
     paho.loseConnection("gone");
     ASSERT_TRUE(eventually([&] { return creating.load(); }));
     client.reset();
-    EXPECT_EQ(paho.count("destroy"), 2u);
+    EXPECT_EQ(paho.calls.count("destroy"), 2u);
 }
 
 TEST_F(MqttClientTest, StopsAReconnectionThatMeetsTheEndOfItsClient)
@@ -126,7 +128,7 @@ TEST_F(MqttClientTest, StopsAReconnectionThatMeetsTheEndOfItsClient)
     paho.loseConnection("gone");
     ended->get_future().wait();
     EXPECT_TRUE(log.has(information("Stop reconnect flag set after cleanup, aborting client creation")));
-    EXPECT_EQ(paho.countPrefix("create"), 1u);
+    EXPECT_EQ(paho.calls.countPrefix("create"), 1u);
 }
 
 TEST_F(MqttClientTest, StaysWithoutAHandleWhenPahoRefusesToMakeOne)
@@ -138,7 +140,7 @@ TEST_F(MqttClientTest, StaysWithoutAHandleWhenPahoRefusesToMakeOne)
         create();
         EXPECT_TRUE(log.has(error(step == "create" ? "Failed to create async mqtt client, return code -7"
                                                    : "Failed to set callbacks, return code -7")));
-        EXPECT_EQ(paho.count("destroy"), step == "create" ? 0u : 1u);
+        EXPECT_EQ(paho.calls.count("destroy"), step == "create" ? 0u : 1u);
         EXPECT_FALSE(impl().processor_started);
         client->Connect([this](int code) { return results.add(code); }, {});
         EXPECT_TRUE(logged(error("async mqtt client is nullptr.")));
@@ -151,7 +153,7 @@ TEST_F(MqttClientTest, StaysWithoutAHandleWhenPahoRefusesToMakeOne)
         client.reset();
     }
     EXPECT_TRUE(results.all().empty());
-    EXPECT_EQ(paho.count("connect"), 0u);
+    EXPECT_EQ(paho.calls.count("connect"), 0u);
 }
 
 TEST_F(MqttClientTest, TellsTheHostWhenAnAttemptCannotBeStartedAndSchedulesNothing)
@@ -192,7 +194,7 @@ TEST_F(MqttClientTest, StaysInConnectingWhenThePoolIsFull)
     // A subscription that meets the same pool is done on the caller's thread.
     client->Subscribe([](MQTTAsync_message*, const std::string&) {}, "late", 2);
     EXPECT_TRUE(log.has(information("mqtt subscribe exception: No thread available")));
-    EXPECT_EQ(paho.count("subscribe late 2"), 1u);
+    EXPECT_EQ(paho.calls.count("subscribe late 2"), 1u);
     gate.set_value();
 }
 
@@ -263,7 +265,7 @@ TEST_F(MqttClientTest, ReconnectsThroughANewHandleAndSubscribesAgainAtQos1)
 {
     connect();
     subscribe([](auto*, const auto&) {}, "a/b", 2);
-    EXPECT_EQ(paho.count("subscribe a/b 2"), 1u);
+    EXPECT_EQ(paho.calls.count("subscribe a/b 2"), 1u);
     paho.loseConnection(nullptr);
     EXPECT_FALSE(client->IsConnected());
     EXPECT_EQ(losses.all(), std::vector<std::string>{""});
@@ -274,9 +276,9 @@ TEST_F(MqttClientTest, ReconnectsThroughANewHandleAndSubscribesAgainAtQos1)
     EXPECT_LE(delay_ms, 1200);
     EXPECT_FALSE(client->PublishMessage("x", "a", 0, 0, 0));
     EXPECT_TRUE(logged(information("Success to resubscribe topic a/b")));
-    EXPECT_EQ(paho.count("subscribe a/b 1"), 1u);
+    EXPECT_EQ(paho.calls.count("subscribe a/b 1"), 1u);
     EXPECT_EQ(results.all(), (std::vector{0, 0}));
-    const auto calls = paho.calls();
+    const auto calls = paho.calls.all();
     const std::vector<std::string> replaced{"setCallbacks null", "disconnect 5000",
                                             "destroy",           "create tcp://broker:1883 station 1",
                                             "setCallbacks",      "connect"};
@@ -289,19 +291,20 @@ TEST_F(MqttClientTest, ReconnectsThroughANewHandleAndSubscribesAgainAtQos1)
 
 TEST_F(MqttClientTest, CountsEveryFailureAndTakesTheLongTableAfterAnHour)
 {
-    paho.answerConnects(false);
+    paho.answer_connects = false;
     create();
     client->Connect([this](int code) { return results.add(code); }, {});
-    ASSERT_TRUE(eventually([&] { return paho.count("connect") == 1; }));
+    ASSERT_TRUE(eventually([&] { return paho.calls.count("connect") == 1; }));
     const auto now = std::chrono::steady_clock::now();
     impl().last_connected_at = now - 3600s;
-    const int code = 5;
-    paho.connectFails(&code);
+    MQTTAsync_failureData refused{};
+    refused.code = 5;
+    paho.connectFails(&refused);
     EXPECT_EQ(scheduledDelay("Scheduling reconnection after connect failure in ",
                              " ms, failure count: 1, quick_retry: false"),
               0);
     EXPECT_TRUE(log.has(error("MQTT connection failed, return code 5")));
-    ASSERT_TRUE(eventually([&] { return paho.count("connect") == 2; })) << "at once, with a new handle";
+    ASSERT_TRUE(eventually([&] { return paho.calls.count("connect") == 2; })) << "at once, with a new handle";
 
     impl().last_connected_at = now - 3500s;
     paho.connectFails(nullptr);
@@ -318,7 +321,7 @@ TEST_F(MqttClientTest, CountsEveryFailureAndTakesTheLongTableAfterAnHour)
     EXPECT_TRUE(log.has(error("MQTT connection lost: once more")));
     EXPECT_EQ(results.all(), (std::vector{5, -1}));
 
-    ASSERT_TRUE(eventually([&] { return paho.count("connect") == 3; }));
+    ASSERT_TRUE(eventually([&] { return paho.calls.count("connect") == 3; }));
     paho.connectSucceeds();
     EXPECT_TRUE(logged(information("Connection state changed during delay, skipping reconnection")))
         << "the second task, sorted out";
@@ -328,13 +331,13 @@ TEST_F(MqttClientTest, CountsEveryFailureAndTakesTheLongTableAfterAnHour)
 TEST_F(MqttClientTest, LeavesAReconnectionToTheOneThatOwnsIt)
 {
     connect();
-    paho.answerConnects(false);
+    paho.answer_connects = false;
     paho.loseConnection("first");
-    ASSERT_TRUE(eventually([&] { return paho.count("connect") == 2; }));
+    ASSERT_TRUE(eventually([&] { return paho.calls.count("connect") == 2; }));
     EXPECT_TRUE(impl().reconnecting);
     Access::schedule(*client);
     EXPECT_TRUE(logged(information("Connection state changed during delay, skipping reconnection")));
-    EXPECT_EQ(paho.countPrefix("create"), 2u);
+    EXPECT_EQ(paho.calls.countPrefix("create"), 2u);
 }
 
 TEST_F(MqttClientTest, EndsReconnectingWhenNoHandleCanBeMade)
@@ -386,17 +389,17 @@ TEST_F(MqttClientTest, ResubscribesOnlyWhileTheLinkIsUp)
         done.get_future().wait();
     };
     settled();
-    auto before = paho.countPrefix("subscribe");
+    auto before = paho.calls.countPrefix("subscribe");
     log.setHook([&](const test::LogLine& line) {
         if (line.text.rfind("Success to resubscribe topic ", 0) == 0) impl().connection_state = Disconnected;
     });
     paho.connectSucceeds();
     settled();
-    EXPECT_EQ(paho.countPrefix("subscribe"), before + 1);
+    EXPECT_EQ(paho.calls.countPrefix("subscribe"), before + 1);
 
     // It goes while the task waits for client_mutex.
     log.setHook({});
-    before = paho.countPrefix("subscribe");
+    before = paho.calls.countPrefix("subscribe");
     const auto lines = log.countPrefix("Re-subscribing");
     {
         const std::lock_guard<std::mutex> lock(impl().client_mutex);
@@ -408,7 +411,7 @@ TEST_F(MqttClientTest, ResubscribesOnlyWhileTheLinkIsUp)
     }
     settled();
     EXPECT_EQ(log.countPrefix("Connection lost during subscription of topic: "), 1u);
-    EXPECT_EQ(paho.countPrefix("subscribe"), before);
+    EXPECT_EQ(paho.calls.countPrefix("subscribe"), before);
 }
 
 TEST_F(MqttClientTest, EndsALongDelayAtOnceWhenItIsDestroyed)
@@ -426,7 +429,7 @@ TEST_F(MqttClientTest, EndsALongDelayAtOnceWhenItIsDestroyed)
     }));
     auto ended = std::async(std::launch::async, [&] { client.reset(); });
     EXPECT_EQ(ended.wait_for(30s), std::future_status::ready);
-    EXPECT_EQ(paho.count("connect"), 1u);
+    EXPECT_EQ(paho.calls.count("connect"), 1u);
 }
 
 // ---- Subscriptions ----
@@ -439,7 +442,7 @@ TEST_F(MqttClientTest, RemembersASubscriptionMadeWithoutAConnection)
     EXPECT_EQ(log.countPrefix("Subscribe call #"), 1u);
     client->Connect({}, {});
     EXPECT_TRUE(logged(information("Success to resubscribe topic early")));
-    EXPECT_EQ(paho.count("subscribe early 1"), 1u);
+    EXPECT_EQ(paho.calls.count("subscribe early 1"), 1u);
     EXPECT_TRUE(log.has(information("Re-subscribing after reconnection, count: 1")));
 }
 
@@ -458,7 +461,7 @@ TEST_F(MqttClientTest, KeepsOneHandlerForEachCallAndForgetsThemTogether)
 
     paho.script("unsubscribe", -6);
     client->Unsubscribe("never");
-    EXPECT_EQ(paho.count("unsubscribe never"), 1u) << "the broker is asked even so";
+    EXPECT_EQ(paho.calls.count("unsubscribe never"), 1u) << "the broker is asked even so";
     EXPECT_TRUE(log.has(error("Failed to unsubscribe topic never, return code -6")));
     EXPECT_TRUE(log.has(information("--Success to erase topic never from subscribe map")));
 
@@ -466,7 +469,7 @@ TEST_F(MqttClientTest, KeepsOneHandlerForEachCallAndForgetsThemTogether)
     impl().connected = false;
     client->Unsubscribe("u");
     EXPECT_TRUE(log.has(information("mqtt is not connected!")));
-    EXPECT_EQ(paho.count("unsubscribe u"), 0u);
+    EXPECT_EQ(paho.calls.count("unsubscribe u"), 0u);
     EXPECT_TRUE(impl().subscribe_map.empty()) << "forgotten although the broker could not be told";
 }
 
@@ -489,7 +492,7 @@ TEST_F(MqttClientTest, HandsOnlyJsonObjectsToJsonHandlersAndAsksTheGate)
             seen.add(topic + object.optValue<std::string>("k", ""));
         },
         "j", 2);
-    ASSERT_TRUE(eventually([&] { return impl().connected && paho.count("subscribe j 2") == 1; }));
+    ASSERT_TRUE(eventually([&] { return impl().connected && paho.calls.count("subscribe j 2") == 1; }));
     std::atomic<unsigned char> verdict{1};
     test::Recorder<std::string> asked;
     client->setMsgFwdHandlerCallback([&](const Poco::JSON::Object&, std::string topic, int qos) {
@@ -525,7 +528,7 @@ TEST_F(MqttClientTest, HandsOnlyJsonObjectsToJsonHandlersAndAsksTheGate)
 
     client->Unsubscribe("j");
     client->Subscribe(MqttClient::JsonHandler(), "j", 1);
-    ASSERT_TRUE(eventually([&] { return paho.count("subscribe j 1") == 1; }));
+    ASSERT_TRUE(eventually([&] { return paho.calls.count("subscribe j 1") == 1; }));
     subscribe([&](auto*, const auto&) { ++handed_out; }, "j", 0);
     handle("{}");
     EXPECT_EQ(log.lines(), std::vector{error("invalid json string")});
@@ -538,23 +541,33 @@ TEST_F(MqttClientTest, PublishesBytesAsTheyAreAndTellsTheOutcome)
     connect();
     const std::string bytes("a\0b\0", 4);
     EXPECT_TRUE(client->PublishMessage(bytes, "out", 2, 1, 77));
-    EXPECT_EQ(paho.count("send out 2 1"), 1u);
-    EXPECT_EQ(paho.lastPayload(), bytes);
-    paho.publishSucceeds(12);  // no callback: unnoticed
-    std::vector<int> tokens;
-    client->SetDeliveryCompleteCallback([&](int token) { tokens.push_back(token); });
-    paho.publishSucceeds(12);
-    paho.publishSucceeds(12, false);
-    EXPECT_EQ(tokens, (std::vector{12, 0}));
-    paho.publishFails(-4, "no room");
-    paho.publishFails(-4, nullptr);
-    paho.publishFails(-4, nullptr, false);
+    EXPECT_EQ(paho.calls.count("send out 2 1"), 1u);
+    EXPECT_EQ(paho.last_payload, bytes);
+    MQTTAsync_successData delivered{};
+    delivered.token = 12;
+    const auto succeed = [&](MQTTAsync_successData* data) {
+        paho.fire([=](auto& handle) { handle.publish.onSuccess(handle.publish.context, data); });
+    };
+    succeed(&delivered);  // no callback: unnoticed
+    test::Recorder<int> tokens;
+    client->SetDeliveryCompleteCallback([&](int token) { tokens.add(token); });
+    succeed(&delivered);
+    succeed(nullptr);
+    MQTTAsync_failureData failed{};
+    failed.code = -4;
+    const auto fail = [&](const char* reason, MQTTAsync_failureData* data) {
+        failed.message = reason;
+        paho.fire([=](auto& handle) { handle.publish.onFailure(handle.publish.context, data); });
+    };
+    fail("no room", &failed);
+    fail(nullptr, &failed);
+    fail(nullptr, nullptr);
+    EXPECT_EQ(tokens.all(), (std::vector{12, 0}));
     EXPECT_TRUE(log.has(error("Publish failed, return code -4, topic: no room")));
     EXPECT_TRUE(log.has(error("Publish failed, return code -4, topic: unknown")));
     EXPECT_TRUE(log.has(error("Publish failed, return code -1, topic: unknown")));
-    EXPECT_EQ(tokens.size(), 2u);
     EXPECT_TRUE(client->PublishMessage("", "out", 0, 0, 0));
-    EXPECT_EQ(paho.lastPayload(), "");
+    EXPECT_EQ(paho.last_payload, "");
     paho.script("send", -11);
     EXPECT_FALSE(client->PublishMessage("x", "out", 9, 0, 0));
     EXPECT_TRUE(log.has(error("Failed to publish message for topic out, return code -11")));
@@ -576,7 +589,7 @@ TEST_F(MqttClientTest, RefusesToPublishWhenTheLinkGoesWhileItWaitsForTheLock)
         EXPECT_FALSE(published.get());
         return log.has(line);
     }));
-    EXPECT_EQ(paho.countPrefix("send"), 0u);
+    EXPECT_EQ(paho.calls.countPrefix("send"), 0u);
 }
 
 // ---- Teardown ----
@@ -585,7 +598,7 @@ TEST_F(MqttClientTest, DisconnectsOnRequestAndConnectsAgain)
 {
     connect();
     client->Disconnect();
-    EXPECT_EQ(paho.count("disconnect 3000"), 1u);
+    EXPECT_EQ(paho.calls.count("disconnect 3000"), 1u);
     EXPECT_TRUE(log.has(information("Success to disconnect.")));
     EXPECT_FALSE(client->IsConnected());
     EXPECT_FALSE(impl().connected);
@@ -615,22 +628,22 @@ TEST_F(MqttClientTest, TearsDownInOrderAndWaitsForARunningHandler)
     auto destroyed = std::async(std::launch::async, [&] { client.reset(); });
     ASSERT_TRUE(logged(information("mqtt ~Impl")));
     EXPECT_FALSE(ended);
-    EXPECT_EQ(paho.countPrefix("disconnect"), 0u) << "Paho is left alone until the handlers are out";
+    EXPECT_EQ(paho.calls.countPrefix("disconnect"), 0u) << "Paho is left alone until the handlers are out";
     gate.set_value();
     destroyed.get();
     EXPECT_TRUE(ended);
     EXPECT_EQ(log.lines(), (std::vector{information("mqtt ~Impl"), information("disconnect mqtt successed"),
                                         information("destroy mqtt client")}));
-    EXPECT_EQ(paho.calls().back(), "destroy");
+    EXPECT_EQ(paho.calls.all().back(), "destroy");
 }
 
 TEST_F(MqttClientTest, ForcesTheEndWhenTheBrokerDoesNotAnswerTheDisconnect)
 {
     connect();
-    paho.answerDisconnects(false);
+    paho.answer_disconnects = false;
     client.reset();
     EXPECT_TRUE(log.has(warning("Disconnect timeout, forcing destroy")));
-    EXPECT_EQ(paho.count("destroy"), 1u);
+    EXPECT_EQ(paho.calls.count("destroy"), 1u);
 }
 
 TEST_F(MqttClientTest, EndsWhileCallbacksOfPahoStillCome)

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -167,18 +169,26 @@ TEST_F(MqttInboundTest, FreesWhatPahoHandsOverOnOddPathsToo)
         made->payloadlen = length;
         return made;
     };
-    paho.deliverNowhere("t");
-    paho.deliverRaw("t", nullptr);
-    paho.deliverRaw("/krono/t", nullptr);
-    paho.deliverRaw(nullptr, message(0));
+    const auto arrive = [&](const char* topic, MQTTAsync_message* received, bool with_context = true) {
+        paho.unfreed += (topic != nullptr ? 1 : 0) + (received != nullptr ? 1 : 0);
+        paho.fire([=](auto& handle) {
+            handle.arrived(with_context ? handle.context : nullptr,
+                           topic == nullptr ? nullptr : strdup(topic), 0, received);
+        });
+    };
+    arrive("t", message(0), false);
+    arrive(nullptr, nullptr, false);
+    arrive("t", nullptr);
+    arrive("/krono/t", nullptr);
+    arrive(nullptr, message(0));
     EXPECT_EQ(client->GetQueueSize(), 0u);
     for (const char* const topic : {"t", "/krono/t"}) {
         log.clear();
-        paho.deliverRaw(topic, message(-2));
+        arrive(topic, message(-2));
         EXPECT_EQ(log.lines(),
                   std::vector{error("Message too large: -2 bytes, max allowed: 20971520u bytes")});
     }
-    paho.deliverRaw("t", message(0));
+    arrive("t", message(0));
     ASSERT_EQ(client->GetQueueSize(), 1u);
     EXPECT_NE(impl().message_queue.front().message.payload, nullptr) << "an array of length 0";
     EXPECT_EQ(client->GetDroppedMessages(), 2u);

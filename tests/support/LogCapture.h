@@ -1,7 +1,6 @@
 #ifndef KRO_TESTS_LOG_CAPTURE_H
 #define KRO_TESTS_LOG_CAPTURE_H
 
-#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -10,6 +9,8 @@
 
 #include <Poco/Channel.h>
 #include <Poco/Message.h>
+
+#include "support/Recorder.h"
 
 namespace kro::test
 {
@@ -33,6 +34,11 @@ inline LogLine information(std::string text)
     return {Poco::Message::PRIO_INFORMATION, std::move(text)};
 }
 
+inline const std::string& textOf(const LogLine& line)
+{
+    return line.text;
+}
+
 inline std::ostream& operator<<(std::ostream& out, const LogLine& line)
 {
     return out << line.level << ": " << line.text;
@@ -47,20 +53,20 @@ public:
 
     void log(const Poco::Message& message) override;
 
-    std::vector<LogLine> lines() const;
-    void clear();
-    std::size_t count(const LogLine& line) const;
+    std::vector<LogLine> lines() const { return captured.all(); }
+    void clear() { captured.clear(); }
+    std::size_t count(const LogLine& line) const { return captured.count(line); }
     bool has(const LogLine& line) const { return count(line) > 0; }
     /// Lines of any level that begin with `prefix`.
-    std::size_t countPrefix(const std::string& prefix) const;
+    std::size_t countPrefix(const std::string& prefix) const { return captured.countPrefix(prefix); }
 
     /// Calls `hook` on the logging thread for each line, with no lock of this class held: a place to hold a
     /// thread at an exact step. An empty function ends it.
     void setHook(std::function<void(const LogLine&)> hook);
 
 private:
-    mutable std::mutex mutex;  // guards captured and line_hook
-    std::vector<LogLine> captured;
+    Recorder<LogLine> captured;
+    std::mutex mutex;  // guards line_hook
     std::function<void(const LogLine&)> line_hook;
 };
 }  // namespace kro::test

@@ -20,28 +20,6 @@ namespace kro
 {
 namespace test
 {
-/// What a callback was told, on whatever thread.
-template <typename T>
-class Recorder
-{
-public:
-    bool add(T value)
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        values.push_back(std::move(value));
-        return true;
-    }
-    std::vector<T> all() const
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return values;
-    }
-
-private:
-    mutable std::mutex mutex;  // guards values
-    std::vector<T> values;
-};
-
 /// A client on the fake of Paho.
 class MqttFixture : public testing::Test
 {
@@ -65,7 +43,7 @@ protected:
             EXPECT_TRUE(eventually([this] { return client.use_count() == 1; }));
             client.reset();
         }
-        EXPECT_EQ(paho.unfreed(), 0) << "each message and topic is freed once";
+        EXPECT_EQ(paho.unfreed, 0) << "each message and topic is freed once";
     }
 
     void create() { client = MqttClient::createInstance("tcp://broker:1883", "station", "user", "secret"); }
@@ -77,7 +55,7 @@ protected:
         client->Connect([this](int code) { return results.add(code); },
                         [this](const std::string& cause) { return losses.add(cause); });
         ASSERT_TRUE(eventually([&] { return log.countPrefix("Re-subscribing after reconnection") >= 1; }))
-            << testing::PrintToString(log.lines()) << testing::PrintToString(paho.calls());
+            << testing::PrintToString(log.lines()) << testing::PrintToString(paho.calls.all());
     }
 
     Access::Impl& impl() { return Access::impl(*client); }
@@ -88,9 +66,9 @@ protected:
     /// Waits until the handler of `filter` is in the table and the broker has been told.
     void subscribe(MqttClient::MessageHandler handler, const std::string& filter, int qos = 0)
     {
-        const auto before = paho.countPrefix("subscribe " + filter);
+        const auto before = paho.calls.countPrefix("subscribe " + filter);
         client->Subscribe(std::move(handler), filter, qos);
-        ASSERT_TRUE(eventually([&] { return paho.countPrefix("subscribe " + filter) > before; }));
+        ASSERT_TRUE(eventually([&] { return paho.calls.countPrefix("subscribe " + filter) > before; }));
     }
 
     FakePaho& paho = FakePaho::instance();

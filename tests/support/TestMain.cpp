@@ -21,39 +21,11 @@ LogCapture& LogCapture::instance()
 void LogCapture::log(const Poco::Message& message)
 {
     const LogLine line{message.getPriority(), message.getText()};
-    std::function<void(const LogLine&)> hook;
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        captured.push_back(line);
-        hook = line_hook;
-    }
+    captured.add(line);
+    std::unique_lock<std::mutex> lock(mutex);
+    const auto hook = line_hook;
+    lock.unlock();
     if (hook) hook(line);
-}
-
-std::vector<LogLine> LogCapture::lines() const
-{
-    const std::lock_guard<std::mutex> lock(mutex);
-    return captured;
-}
-
-void LogCapture::clear()
-{
-    const std::lock_guard<std::mutex> lock(mutex);
-    captured.clear();
-}
-
-std::size_t LogCapture::count(const LogLine& line) const
-{
-    const std::lock_guard<std::mutex> lock(mutex);
-    return static_cast<std::size_t>(std::count(captured.begin(), captured.end(), line));
-}
-
-std::size_t LogCapture::countPrefix(const std::string& prefix) const
-{
-    const std::lock_guard<std::mutex> lock(mutex);
-    return static_cast<std::size_t>(std::count_if(captured.begin(), captured.end(), [&](const LogLine& line) {
-        return line.text.compare(0, prefix.size(), prefix) == 0;
-    }));
 }
 
 void LogCapture::setHook(std::function<void(const LogLine&)> hook)
