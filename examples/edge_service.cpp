@@ -138,7 +138,12 @@ private:
         auto& manager = kro::PeriodicTaskManager::getInstance();
         const auto add = [&](std::string name, std::chrono::milliseconds period, std::function<void()> run,
                              std::chrono::milliseconds timeout) {
-            task_ids.push_back(manager.registerTask(name, period, std::move(run), timeout));
+            const auto counted = [this, run = std::move(run)] {
+                ++running;
+                run();
+                --running;
+            };
+            task_ids.push_back(manager.registerTask(name, period, counted, timeout));
         };
         add(
             "heartbeat", 1s, [this] { client->PublishMessage("alive", "edge/alive", 0, 0, 0); }, 0ms);
@@ -153,11 +158,10 @@ private:
     {
         auto& manager = kro::PeriodicTaskManager::getInstance();
         manager.stopPeriodMonitorTask();
-        // The monitor ends within its interval, a tenth of the shortest period; then what runs comes to its
-        // end.
+        for (const unsigned int id : task_ids) manager.cancelTask(id);  // what has not begun never begins
+        // The monitor ends within its interval, a tenth of the shortest period; what runs comes to its end.
         std::this_thread::sleep_for(100ms);
-        for (const unsigned int id : task_ids)
-            while (manager.getTaskStatus(id) == kro::TASK_RUNNING) std::this_thread::sleep_for(10ms);
+        while (running > 0) std::this_thread::sleep_for(10ms);
         say("periodic tasks ended");
     }
 
@@ -199,6 +203,7 @@ private:
     }
 
     std::vector<unsigned int> task_ids;
+    std::atomic<int> running{0};  // runs of periodic tasks
     std::shared_ptr<kro::WebHookBasic> hook = kro::WebHookBasic::createInstance();
     std::shared_ptr<kro::MqttClient> link;
     // What handlers and tasks use: good until the client has ended. `link` is null from its reset() on, which
