@@ -127,6 +127,33 @@ TEST_F(ThreadPoolTest, LeavesTheAdapterOfATaskThatThrowsSomethingElse)
     EXPECT_EQ(Access::live(*pool), 1u);
 }
 
+TEST_F(ThreadPoolTest, KeepsATaskThatEndsBeforeItIsListed)
+{
+    // Which of the two comes first is up to the scheduler: one in some hundred is enough.
+    EXPECT_TRUE(test::eventually([this] {
+        pool->start([] {});
+        pool->joinAll();
+        return Access::live(*pool) > 0;
+    }));
+}
+
+TEST_F(ThreadPoolTest, MayBeDestroyedUnderATaskThatUsesNoCaptures)
+{
+    static std::atomic<bool> begun{false};
+    static std::atomic<bool> may_end{false};
+    auto doomed = std::make_shared<ThreadPool>(1, 32, 60, 0);
+    const auto capture = std::make_shared<int>(7);
+    doomed->start([capture] {
+        begun = true;
+        test::eventually([] { return may_end.load(); });
+    });
+    ASSERT_TRUE(test::eventually([] { return begun.load(); }));
+    auto destroyed = std::async(std::launch::async, [&] { doomed.reset(); });
+    EXPECT_TRUE(test::eventually([&] { return capture.use_count() == 1; })) << "adapters go first";
+    may_end = true;
+    destroyed.get();
+}
+
 TEST_F(ThreadPoolTest, RunsAtTheLowestPriorityOrAtTheNormalOne)
 {
     for (const bool low : {true, false}) {

@@ -18,6 +18,8 @@ ThreadPool::RunnableAdapter::RunnableAdapter(std::function<void()> callable, std
 
 void ThreadPool::RunnableAdapter::run()
 {
+    // Taken now: a pool that is destroyed under its tasks drops this adapter before the task has ended.
+    const std::weak_ptr<ThreadPool> starter = pool;
     if (task) {
         // Settled: anything that is no std::exception leaves run() at once, and the adapter stays in the
         // list.
@@ -30,7 +32,7 @@ void ThreadPool::RunnableAdapter::run()
         }
     }
     // Settled: in a pool that no std::shared_ptr owns there is nobody to tell, and the adapter stays.
-    const std::shared_ptr<ThreadPool> owner = pool.lock();
+    const std::shared_ptr<ThreadPool> owner = starter.lock();
     if (owner) owner->taskFinished(this);  // destroys *this as a rule: nothing of it is touched from here on
 }
 
