@@ -1,5 +1,6 @@
-// HttpBenchServer KIND [PORT]: serves one small JSON answer until its input ends, for bench/http.py to load.
-// HttpBenchServer --check: asks a server of each kind once, and fails if one answers other bytes.
+// HttpBenchServer KIND: prints the port that it got of the system, and serves one small JSON answer there
+// until its input ends, for bench/http.py to load. HttpBenchServer --check: asks a server of each kind once,
+// and fails if one answers other bytes.
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -16,6 +17,7 @@
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/HTTPServer.h>
 #include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
 #include <Poco/StreamCopier.h>
 
 #include "WebApiBasic.h"
@@ -36,12 +38,19 @@ public:
     virtual ~Server() = default;
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
+    virtual int port() const = 0;
 };
+
+/// Listens on a port of the system's choice.
+Poco::Net::ServerSocket listening()
+{
+    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0), 256);
+}
 
 class RegisteredApi : public Server
 {
 public:
-    explicit RegisteredApi(Poco::UInt16 port) : socket(port, 256)
+    RegisteredApi()
     {
         kro::WebApiBasic::instance()->apiRegist(
             kPath, [](Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&, const kro::ApiParams&,
@@ -55,9 +64,10 @@ public:
         kro::WebApiBasic::instance()->start(socket);
     }
     ~RegisteredApi() override { kro::WebApiBasic::instance()->stop(); }
+    int port() const override { return socket.address().port(); }
 
 private:
-    Poco::Net::ServerSocket socket;
+    const Poco::Net::ServerSocket socket = listening();
 };
 
 /// The limit: POCO's server alone, with the same bytes sent in the same way.
@@ -81,22 +91,19 @@ class BarePoco : public Server
     };
 
 public:
-    explicit BarePoco(Poco::UInt16 port)
-        : server(new Factory, Poco::Net::ServerSocket(port, 256), new Poco::Net::HTTPServerParams)
-    {
-        server.start();
-    }
+    BarePoco() { server.start(); }
     ~BarePoco() override { server.stop(); }
+    int port() const override { return server.port(); }
 
 private:
-    Poco::Net::HTTPServer server;
+    Poco::Net::HTTPServer server{new Factory, listening(), new Poco::Net::HTTPServerParams};
 };
 
 #ifdef KRO_BENCH_HTTPLIB
 class CppHttplib : public Server
 {
 public:
-    explicit CppHttplib(int port)
+    CppHttplib()
     {
         server.new_task_queue = [] { return new httplib::ThreadPool(32); };
         server.set_keep_alive_max_count(1u << 30);
@@ -104,7 +111,8 @@ public:
         server.Get(kPath, [](const httplib::Request&, httplib::Response& response) {
             response.set_content(kAnswer, "application/json");
         });
-        if (!server.bind_to_port("127.0.0.1", port)) throw std::runtime_error("cannot bind");
+        bound_port = server.bind_to_any_port("127.0.0.1");
+        if (bound_port <= 0) throw std::runtime_error("cannot bind");
         thread = std::thread([this] { server.listen_after_bind(); });
     }
     ~CppHttplib() override
@@ -112,39 +120,35 @@ public:
         server.stop();
         thread.join();
     }
+    int port() const override { return bound_port; }
 
 private:
+    int bound_port = 0;
     httplib::Server server;
     std::thread thread;
 };
 #endif
 
-using Maker = std::function<std::unique_ptr<Server>(Poco::UInt16)>;
+using Maker = std::function<std::unique_ptr<Server>()>;
 
 const std::map<std::string, Maker>& kinds()
 {
     static const std::map<std::string, Maker> all = {
-        {"registered", [](Poco::UInt16 port) { return std::make_unique<RegisteredApi>(port); }},
-        {"bare", [](Poco::UInt16 port) { return std::make_unique<BarePoco>(port); }},
+        {"registered", [] { return std::make_unique<RegisteredApi>(); }},
+        {"bare", [] { return std::make_unique<BarePoco>(); }},
 #ifdef KRO_BENCH_HTTPLIB
-        {"cpp-httplib", [](Poco::UInt16 port) { return std::make_unique<CppHttplib>(port); }},
+        {"cpp-httplib", [] { return std::make_unique<CppHttplib>(); }},
 #endif
     };
     return all;
-}
-
-Poco::UInt16 freePort()
-{
-    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
 }
 
 bool check()
 {
     bool good = true;
     for (const auto& [kind, make] : kinds()) {
-        const Poco::UInt16 port = freePort();
-        const auto server = make(port);
-        Poco::Net::HTTPClientSession session("127.0.0.1", port);
+        const auto server = make();
+        Poco::Net::HTTPClientSession session("127.0.0.1", static_cast<Poco::UInt16>(server->port()));
         Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, kPath, "HTTP/1.1");
         session.sendRequest(request);
         Poco::Net::HTTPResponse response;
@@ -168,10 +172,11 @@ int main(int argc, char** argv)
     }
     const auto maker = kinds().find(kind);
     if (maker == kinds().end()) {
-        std::cerr << "usage: HttpBenchServer --check | --kinds | KIND PORT\n";
+        std::cerr << "usage: HttpBenchServer --check | --kinds | KIND\n";
         return 2;
     }
-    const auto server = maker->second(static_cast<Poco::UInt16>(argc > 2 ? std::atoi(argv[2]) : 8080));
+    const auto server = maker->second();
+    std::cout << server->port() << std::endl;
     std::cin.get();  // until whoever started it closes the pipe
     std::_Exit(0);   // without waiting for connections that are kept
 }

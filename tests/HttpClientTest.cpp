@@ -7,10 +7,13 @@
 #include <future>
 #include <istream>
 #include <iterator>
+#include <memory>
+#include <mutex>
 #include <numeric>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -133,6 +136,85 @@ TEST_F(HttpClientTest, PutsEachFormOnTheWireOnAConnectionOfItsOwn)
     EXPECT_EQ(seen, expected);
     EXPECT_EQ(answers, std::vector<Answer>(5, Answer{200, "ok"}));
     EXPECT_TRUE(LogCapture::instance().lines().empty());
+}
+
+TEST_F(HttpClientTest, TakesTheUrlAsItStandsAndItsSchemeForAPortAlone)
+{
+    const RawServer server(kOk);
+    const std::string authority = server.url("").substr(7);
+    for (const auto& [rest, target] : std::vector<std::pair<std::string, std::string>>{
+             {"", ""}, {"?a=b", "?a=b"}, {"/#fragment", "/"}, {"/a?b#c", "/a?b"}})
+    {
+        EXPECT_EQ(get("https://" + authority + rest), (Answer{200, "ok"}))
+            << "plain HTTP, whatever the scheme";
+        EXPECT_EQ(server.requests().back().find("GET " + target + " HTTP/1.1\r\n"), 0u) << rest;
+    }
+    const std::string port = authority.substr(authority.find(':'));
+    EXPECT_EQ(get("http://localhost" + port + "/"), (Answer{200, "ok"}));
+    // Nobody listens on this address; the port that was tried shows in the log.
+    for (const auto& [scheme, tried] : {std::pair("ftp", ":21"), {"http", ":80"}, {"https", ":443"}}) {
+        const std::string url = scheme + std::string("://127.77.66.55/");
+        EXPECT_EQ(get(url), (Answer{400, ""}));
+        EXPECT_TRUE(LogCapture::instance().has(
+            test::error(failure(url, std::string("Connection refused: 127.77.66.55") + tried))));
+    }
+}
+
+TEST_F(HttpClientTest, ReachesAServerByIPv6)
+{
+    Poco::Net::ServerSocket listener;
+    try {
+        listener.bind6(Poco::Net::SocketAddress("::1", 0), false, true);
+    } catch (const Poco::Exception&) {
+        GTEST_SKIP() << "no IPv6 here";
+    }
+    listener.listen();
+    std::thread server([&] {
+        Peer peer(listener.acceptConnection());
+        peer.message();
+        peer.send(kOk);
+    });
+    EXPECT_EQ(get("http://[::1]:" + std::to_string(listener.address().port()) + "/"), (Answer{200, "ok"}));
+    server.join();
+}
+
+TEST_F(HttpClientTest, LeavesItToTheReaderWhetherABodyThatIsCutOffIsAFailure)
+{
+    struct Row
+    {
+        bool resets;  // or stalls
+        bool iterates;
+        std::vector<int> statuses{};
+        std::promise<void> arrived{};
+    };
+    std::vector<Row> rows(4);
+    std::vector<std::unique_ptr<RawServer>> servers;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        Row& row = rows[i];
+        row.resets = i < 2;
+        row.iterates = i % 2 == 0;
+        servers.push_back(std::make_unique<RawServer>([&row](Peer& peer) {
+            peer.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\ncut");
+            row.arrived.get_future().wait();
+            row.resets ? peer.reset() : static_cast<void>(peer.rest());
+        }));
+        client->doHttpRequest(servers.back()->url("/"), [&row](Status status, std::istream& body) {
+            row.statuses.push_back(status);
+            if (row.statuses.size() > 1) return;
+            row.arrived.set_value();
+            char part[100];
+            if (row.iterates) {
+                std::copy_n(std::istreambuf_iterator<char>(body), sizeof part, part);
+            } else {
+                EXPECT_TRUE(body.read(part, sizeof part).bad());
+            }
+        });
+    }
+    ThreadPool::defaultPool().joinAll();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.resets ? "reset" : "stalled");
+        EXPECT_EQ(row.statuses, row.iterates ? (std::vector{200, 400}) : std::vector{200});
+    }
 }
 
 TEST_F(HttpClientTest, PassesOnWhatTheServerSent)

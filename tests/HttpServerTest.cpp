@@ -11,7 +11,6 @@
 
 #include <Poco/ErrorHandler.h>
 #include <Poco/Exception.h>
-#include <Poco/Net/NetException.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/ThreadPool.h>
 
@@ -141,33 +140,18 @@ TEST_F(HttpServerTest, LeavesRequestsInFlightAloneWhenItStopsAndGoes)
 
 TEST_F(HttpServerTest, DoesNotAcceptBeforeStartNorAfterStop)
 {
-    std::atomic<int> served{0};
-    const auto server = HttpServer::createInstance(socket, new Poco::Net::HTTPServerParams,
-                                                   [&](auto& request, auto& response) {
-                                                       ++served;
-                                                       echo(request, response);
-                                                   });
-    Peer early(socket.address().port());  // the kernel queues it
+    const auto waits = [this] {  // a connection stands in the queue of the kernel, and nobody has taken it
+        return Poco::Net::ServerSocket(socket).poll(Poco::Timespan(10, 0), Poco::Net::Socket::SELECT_READ);
+    };
+    const auto server = HttpServer::createInstance(socket, new Poco::Net::HTTPServerParams, echo);
+    Peer early(socket.address().port());
     early.send(test::get("/early"));
-    EXPECT_EQ(served, 0);
+    EXPECT_TRUE(waits());
     server->start();
     EXPECT_EQ(test::bodyOf(early.message()), "GET /early");
     server->stop();
-    Peer late(socket.address().port());
-    late.send(test::get("/late"));
-    EXPECT_TRUE(Poco::Net::ServerSocket(socket).poll(Poco::Timespan(10, 0), Poco::Net::Socket::SELECT_READ))
-        << "the connection must stay in the socket's queue";
-    EXPECT_EQ(served, 1);
-}
-
-TEST_F(HttpServerTest, ServesNothingOnASocketThatDoesNotListen)
-{
-    Poco::Net::ServerSocket deaf;
-    deaf.bind(Poco::Net::SocketAddress("127.0.0.1", 0));
-    const auto server = HttpServer::createInstance(deaf, new Poco::Net::HTTPServerParams, echo);
-    server->start();
-    EXPECT_THROW(Peer(deaf.address().port()), Poco::Net::ConnectionRefusedException);
-    server->stop();
+    const Peer late(socket.address().port());
+    EXPECT_TRUE(waits());
 }
 
 }  // namespace

@@ -1,12 +1,16 @@
-// A host that links the library as an archive and uses the configuration alone. Nothing here refers to the
+// A host that links the library as an archive and uses it in its own initialisers. Nothing here refers to the
 // web hook: the linker brings its defaults only if the library makes it.
 #include "Config.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
+
+#include "NotificationCenter.h"
+#include "ThreadPool.h"
 
 namespace
 {
@@ -32,6 +36,11 @@ const std::string s_http_at_load = [] {
     return treeText();
 }();
 const std::string s_key_at_load = kro::http::kPort;
+const kro::ThreadPool* const s_pool_at_load = &kro::ThreadPool::defaultPool();
+const bool s_entry_at_load = [] {
+    kro::NotificationCenter::defaultCenter().set("at load", std::make_shared<int>(5));
+    return kro::NotificationCenter::defaultCenter().find<int>("at load") != nullptr;
+}();
 
 TEST(StaticLinkTest, HasTheHookDefaultsBeforeAnyInitialiserOfTheHost)
 {
@@ -55,5 +64,14 @@ TEST(StaticLinkTest, HasItsKeysBeforeAnyInitialiserOfTheHost)
     EXPECT_NE(s_http_at_load.find(R"("rpc":{"port":9527})"), std::string::npos);
     EXPECT_NE(s_http_at_load.find(R"("verificationDepth":9)"), std::string::npos);
     EXPECT_EQ(treeText(), s_http_at_load) << "no later initialiser may write over the host's values";
+}
+
+TEST(StaticLinkTest, KeepsThePoolAndTheEntriesThatAnInitialiserOfTheHostHasMade)
+{
+    EXPECT_EQ(s_pool_at_load, &kro::ThreadPool::defaultPool());
+    EXPECT_TRUE(s_entry_at_load);
+    const auto entry = kro::NotificationCenter::defaultCenter().find<int>("at load");
+    ASSERT_TRUE(entry);
+    EXPECT_EQ(*entry, 5);
 }
 }  // namespace

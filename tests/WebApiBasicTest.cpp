@@ -352,37 +352,45 @@ TEST_F(WebApiBasicTest, FinishesRequestsInFlightAfterStopAndFreesTheirHandlersTh
     EXPECT_EQ(test::bodyOf(peers[0].message()), kNotFound) << "a kept connection outlives the server";
 }
 
-TEST_F(WebApiBasicTest, StopsUnderKeptConnectionsThatNeverPauseAndFromAHandler)
+TEST_F(WebApiBasicTest, RegistersAndStopsUnderKeptConnectionsThatNeverPauseAndFromAHandler)
 {
     std::atomic<bool> over{false};
+    std::atomic<int> served{0};
+    const auto again = [&] {
+        api.apiRegist("/index/api/result", [capture = std::make_shared<bool>(true)](
+                                               Request&, Response&, const ApiParams&, Object& result) {
+            result.set("again", *capture);
+        });
+    };
+    again();
     start();
     std::vector<std::thread> clients;
     for (int i = 0; i < 4; ++i)
         clients.emplace_back([&] {
             while (!over) {
                 Peer peer(port());
-                for (std::string reply = "x"; !over && !reply.empty();) {
-                    if (!peer.send(get("/index/api/result", over ? "Connection: close\r\n" : ""))) break;
-                    reply = peer.message();
-                    if (reply.find("Close") != std::string::npos) break;
+                for (std::string body; !over && body != kNotFound;) {
+                    if (!peer.send(get("/index/api/result"))) break;
+                    body = test::bodyOf(peer.message());
+                    if (body.empty()) break;  // POCO has closed the connection, while it waited for a thread
+                    EXPECT_TRUE(body == R"({"again":true})" || body == kNotFound) << body;
+                    ++served;
                 }
             }
         });
     for (int i = 0; i < 5; ++i) {
-        api.stop();
-        for (int entry = 0; entry < 20; ++entry)
-            api.apiRegist("/index/api/result", [](Request&, Response&, const ApiParams&, Object& result) {
-                result.set("again", true);
-            });
+        EXPECT_TRUE(test::eventually([&, before = served.load()] {
+            again();  // over a handler that may be running
+            return served > before + 20;
+        }));
         api.apiRegist("/stop", [this](Request&, Response&, const ApiParams&, Object& result) {
             api.stop();
             result.set("stopped", true);
         });
-        start();
         EXPECT_EQ(test::bodyOf(ask(get("/stop"))), R"({"stopped":true})");
+        again();
+        start();
     }
-    api.apiRegist("/index/api/result");
-    start();  // lets the clients that wait in the socket's queue go
     over = true;
     for (auto& client : clients) client.join();
 }
@@ -479,17 +487,6 @@ TEST_F(WebApiBasicTest, AnswersOfTwoHundredConnectionsAtOnceAsManyAsPocoTakesAnd
         EXPECT_TRUE(i >= kThreads || !reply.empty()) << i;
     }
     EXPECT_GE(answered, kThreads + kQueue);
-    expectGoodAnswer();
-}
-
-TEST_F(WebApiBasicTest, LeavesABodyThatNobodyReadsToTheNextRequestOfTheConnection)
-{
-    start();
-    Peer peer(port());
-    peer.send(post("/index/api/result", "left over"));
-    EXPECT_EQ(test::bodyOf(peer.message()), R"({"alpha":0,"zeta":1})");
-    peer.send(get("/index/api/result"));
-    expectStatus(peer.message(), "400");
     expectGoodAnswer();
 }
 

@@ -8,7 +8,6 @@
 #include <future>
 #include <iostream>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -145,7 +144,8 @@ void ticksEveryTenSeconds()
     configInstance()->setInt(Hook::kAliveInterval, 1);
     auto hook = WebHookBasic::createInstance();
     hook->reportServerKeepalive();
-    require(eventually([&] { return receiver.count() == 3; }, std::chrono::seconds(60)), "three ticks");
+    // Two periods of 10 s, with room for a busy machine, but not for a period of 15 s.
+    require(eventually([&] { return receiver.count() == 3; }, std::chrono::seconds(28)), "three ticks");
     const auto times = receiver.times();
     for (std::size_t i = 1; i < 3; ++i)
         require(times[i] - times[i - 1] > std::chrono::seconds(8), "no sooner than the period");
@@ -216,16 +216,24 @@ TEST_F(WebHookRequestTest, HandsOverTheRealStatusAndAnObjectThatIsEmptyForAnyOth
     }
 }
 
-TEST_F(WebHookRequestTest, RunsACallbackThatThrowsASecondTimeWithAnEmptyObject)
+TEST_F(WebHookRequestTest, RunsACallbackThatThrowsAgainWithAnEmptyObject)
 {
+    using Call = std::pair<int, std::size_t>;
     const RawServer server(answer("200", R"({"a":1})"));
-    std::vector<std::size_t> sizes;
-    request(server.url("/"), [&](auto, Poco::JSON::Object& object) {
-        sizes.push_back(object.size());
-        if (sizes.size() == 1) throw std::runtime_error("mine");
-    });
-    EXPECT_EQ(sizes, (std::vector<std::size_t>{1, 0}));
+    std::vector<Call> calls;
+    const auto throwing = [&](std::size_t times) {
+        calls.clear();
+        return [&, times](auto status, Poco::JSON::Object& object) {
+            calls.emplace_back(static_cast<int>(status), object.size());
+            if (calls.size() <= times) throw Poco::NotFoundException("mine");
+        };
+    };
+    request(server.url("/"), throwing(1));
+    EXPECT_EQ(calls, (std::vector<Call>{{200, 1}, {200, 0}}));
     EXPECT_TRUE(LogCapture::instance().lines().empty());
+    request(server.url("/"), throwing(2));
+    EXPECT_EQ(calls, (std::vector<Call>{{200, 1}, {200, 0}, {400, 0}})) << "the client's own second call";
+    EXPECT_EQ(LogCapture::instance().lines().size(), 1u);
 }
 
 TEST_F(WebHookRequestTest, TakesAnEmptyCallbackForAnObjectAlone)

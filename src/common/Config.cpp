@@ -77,6 +77,8 @@ Poco::Util::JSONConfiguration* configInstance()
     return g_config;
 }
 
+// Settled: each of these overwrites what its keys hold, values of the file included: a host calls them before
+// loadConfig().
 void initHttpOption()
 {
     setPort(http::kPort, 9528);
@@ -129,13 +131,14 @@ void loadConfig()
         const Poco::File file(s_config_path);
         // Settled: an empty file counts as no file, and is overwritten with the defaults.
         if (file.exists() && file.getSize() != 0) {
-            configInstance()->load(s_config_path);
+            configInstance()->load(s_config_path);  // Settled: replaces the whole tree, defaults included
         } else {
             saveConfig();
         }
+        // Settled: also after a saving that failed, which ends in saveConfig(): the defaults are in force.
         KRO_LOG_INFORMATION("config initialized");
     } catch (const std::exception& e) {
-        KRO_LOG_ERROR(e.what());
+        KRO_LOG_ERROR(e.what());  // Settled: what() alone, which of POCO's exceptions is the class's name
     }
 }
 

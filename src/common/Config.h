@@ -47,8 +47,9 @@ KRO_API void initSSLOption();
 ///
 /// A file that loads replaces the whole tree: a default whose key is not in the file is gone. One that is no
 /// JSON leaves tree and file as they are, and so does one whose root is no object (of the second POCO says
-/// nothing). Never throws a std::exception: failures are logged at ERROR, with no result to tell of them.
-/// For the start of the process, before other threads use the tree, and after loadLogging().
+/// nothing). Never throws a std::exception: failures are logged at ERROR, with no result to tell of them. The
+/// line is what() alone, which for POCO's failures is no more than the name of the kind, such as "Cannot open
+/// file". For the start of the process, before other threads use the tree, and after loadLogging().
 KRO_API void loadConfig();
 
 /// Writes the whole tree to the path that loadConfig() has fixed. Failures are logged at ERROR and not passed

@@ -17,18 +17,23 @@
 namespace kro
 {
 
-/// Gets the status of the answer and a stream over its body, which is valid until the callback returns.
-/// A request that failed in any way (no connection, a time-out, a url that can't be parsed) is status 400
-/// with an empty stream; the reason is in the log alone. A body that the server breaks off is a short stream
-/// with the status that it sent, and no failure.
+/// Gets the status of the answer and a stream over its body, which is valid until the callback returns. A
+/// request that failed in any way (no connection, a time-out, a url that can't be parsed) is status 400 with
+/// an empty stream; the reason is in the log alone. A body that the server ends early is a short stream with
+/// the status that it sent, and no failure. One that a reset or a stall of 10 s cuts off depends on how it is
+/// read: operations of the stream (>>, read(), std::getline) set its badbit, and may have lost the last
+/// bytes; a std::istreambuf_iterator lets POCO's exception through, and if the callback does so too, it runs
+/// again with 400.
 using HttpResponseCallback = std::function<void(Poco::Net::HTTPResponse::HTTPStatus, std::istream&)>;
 
 /// One-shot requests over plain HTTP/1.1 (RFC 9112), each on a connection of its own. The scheme of a url
-/// only gives the port when the url has none: https://host/ is plain HTTP on port 443.
+/// only gives the port when the url has none: https://host/ is plain HTTP on port 443. A url without a path
+/// is sent with an empty target, which many servers refuse: write http://host/.
 ///
-/// Connecting may take 2 s; each send and each receive 10 s, so that a server which trickles can hold a
-/// request for longer. A request that fails is logged at ERROR with its url as given, so keep secrets out of
-/// the query.
+/// Connecting may take 2 s, which a signal that interrupts it begins anew. Resolving a name comes before that
+/// and is not bounded; of its addresses only the first is tried. Each send and each receive may take 10 s, so
+/// that a server which trickles can hold a request for longer. A request that fails is logged at ERROR with
+/// its url as given, so keep secrets out of the query.
 ///
 /// Thread-safe: requests share no state. The doHttpRequest() overloads work on ThreadPool::defaultPool(),
 /// which runs 32 tasks at a time and has no queue; the instance need not outlive them. The callback runs on

@@ -51,7 +51,8 @@ public:
 
     /// Ends accepting, within POCO's poll of 250 ms; the socket stays open, with its owner. Requests in
     /// flight go on, and a kept connection is served until it ends or its keep-alive time is over, even when
-    /// the HttpServer is gone by then.
+    /// the HttpServer is gone by then. Connections that wait for a thread, up to POCO's 64 by default, are
+    /// closed without an answer.
     void stop();
 
 private:

@@ -5,13 +5,17 @@
 
 #include <Poco/SingletonHolder.h>
 
+#include "LoadOrder.h"
+
 namespace kro
 {
 
 namespace
 {
-Poco::SingletonHolder<NotificationCenter> sh;
-}
+// Built first: else the entries that an initialiser of a host has made could be lost, when this file's
+// initialiser builds the holder anew after it.
+KRO_BUILT_FIRST Poco::SingletonHolder<NotificationCenter> sh;
+}  // namespace
 
 NotificationCenter& NotificationCenter::defaultCenter()
 {

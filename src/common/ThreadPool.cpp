@@ -7,6 +7,7 @@
 #include <Poco/Exception.h>
 #include <Poco/Thread.h>
 
+#include "LoadOrder.h"
 #include "Logger.h"
 
 namespace kro
@@ -114,8 +115,10 @@ private:
 
 namespace
 {
-KROThreadPoolSingletonHolder sh;
-}
+// Built first: an initialiser of a host that uses the default pool may run before this file's, which would
+// then build the holder anew over a pool that runs already.
+KRO_BUILT_FIRST KROThreadPoolSingletonHolder sh;
+}  // namespace
 
 ThreadPool& ThreadPool::defaultPool()
 {

@@ -1,9 +1,7 @@
 #include "WebApiBasic.h"
 
-#include <atomic>
 #include <exception>
 #include <list>
-#include <thread>
 #include <utility>
 
 #include <Poco/Exception.h>
@@ -24,11 +22,10 @@ std::mutex WebApiBasic::s_inst_mutex;
 
 namespace
 {
-/// Who uses the table of the registry. The dispatcher reads the table without a lock, and calls a handler in
-/// place; yet POCO runs requests, and takes new ones on kept connections, after stop() has emptied the table,
-/// and even after the registry has gone at exit. So a request counts itself before it looks anything up.
-///
-/// All counters are sequentially consistent: a request either sees that the table is closed, or is seen.
+/// Counts the requests that may hold a handler of the registry's table. The dispatcher calls a handler in
+/// place, not a copy; yet POCO runs requests, and takes new ones on kept connections, after stop() has
+/// emptied the table, and even after the registry has gone at exit. So what is taken out of the table lives
+/// until no request is left that was there before.
 class TableUse
 {
 public:
@@ -40,76 +37,68 @@ public:
         return *use;
     }
 
-    void open() { readable = true; }
-
-    /// Waits for the look-ups of this moment (never for a handler), after which the table is the caller's.
-    void close()
+    void open()
     {
+        const std::lock_guard<std::mutex> lock(table_mutex);
+        readable = true;
+    }
+
+    /// Empties the table. Requests that come from now on find nothing.
+    void close(Table& table)
+    {
+        std::list<Table> removed(1);  // goes after the lock: the captures of a handler may do anything
+        const std::lock_guard<std::mutex> lock(table_mutex);
         readable = false;
-        while (lookups != 0) std::this_thread::yield();
+        removed.front().swap(table);
+        if (requests != 0 && !removed.front().empty()) retired.splice(retired.end(), removed);
     }
 
-    /// Orders the caller's writes to the table after the look-ups so far and before those to come, as the
-    /// language wants it of a registration that no request meets. It waits for nobody.
-    void settle() { lookups.fetch_add(0); }
-
-    /// Destroys `table`: now, or with the last request in flight, which may run a handler that stands in it.
-    void retire(Table table)
+    /// Puts a handler into the table; what stood there is destroyed now, or with the last request.
+    void store(Table& table, std::string path, ApiHandler handler)
     {
-        {
-            const std::lock_guard<std::mutex> lock(retired_mutex);
-            retired.push_back(std::move(table));  // the handlers stay where they are in memory
-        }
-        any_retired = true;
-        releaseRetired();
+        Table added;
+        const auto entry = added.emplace(std::move(path), std::move(handler)).first;
+        std::list<Table> replaced(1);  // goes after the lock
+        const std::lock_guard<std::mutex> lock(table_mutex);
+        if (auto former = table.extract(entry->first)) replaced.front().insert(std::move(former));
+        table.merge(added);
+        if (requests != 0 && !replaced.front().empty()) retired.splice(retired.end(), replaced);
     }
 
-    /// A request, from its arrival at the dispatcher to its end.
+    /// A request in the dispatcher, and its handler: null if there is none, or after close(), when the
+    /// registry may be gone.
     class Request
     {
     public:
-        explicit Request(TableUse& table_use) : use(table_use) { ++use.requests; }
-        ~Request()
-        {
-            if (--use.requests == 0 && use.any_retired) use.releaseRetired();
-        }
+        Request(const Table& table, const std::string& path) : handler(instance().enter(table, path)) {}
+        ~Request() { instance().leave(); }
         Request(const Request&) = delete;
         Request& operator=(const Request&) = delete;
 
-    private:
-        TableUse& use;
-    };
-
-    /// A look-up within a request.
-    class LookUp
-    {
-    public:
-        explicit LookUp(TableUse& table_use) : use(table_use) { ++use.lookups; }
-        ~LookUp() { --use.lookups; }
-        LookUp(const LookUp&) = delete;
-        LookUp& operator=(const LookUp&) = delete;
-        bool allowed() const { return use.readable; }
-
-    private:
-        TableUse& use;
+        const ApiHandler* const handler;
     };
 
 private:
-    void releaseRetired()
+    const ApiHandler* enter(const Table& table, const std::string& path)
     {
-        std::list<Table> released;  // destroyed after the lock: a handler's captures may do anything
-        const std::lock_guard<std::mutex> lock(retired_mutex);
-        if (requests != 0) return;
-        released.swap(retired);
-        any_retired = false;
+        const std::lock_guard<std::mutex> lock(table_mutex);
+        ++requests;
+        if (!readable) return nullptr;
+        const auto found = table.find(path);
+        return found == table.end() ? nullptr : &found->second;
     }
 
-    std::atomic<bool> readable{false};     // between start() and stop()
-    std::atomic<int> lookups{0};           // requests that may be reading the table at this moment
-    std::atomic<int> requests{0};          // requests that may hold a handler of the table
-    std::atomic<bool> any_retired{false};  // spares the others the lock; written after, or under, the lock
-    std::mutex retired_mutex;              // guards retired; a leaf
-    std::list<Table> retired;              // taken away by stop() under running requests
+    void leave()
+    {
+        std::list<Table> dead;  // goes after the lock
+        const std::lock_guard<std::mutex> lock(table_mutex);
+        if (--requests == 0) dead.swap(retired);
+    }
+
+    std::mutex table_mutex;    // guards all of this and the registry's api_handlers; a leaf
+    bool readable = false;     // between start() and stop()
+    int requests = 0;          // in the dispatcher, on all threads
+    std::list<Table> retired;  // taken out of the table under running requests; the handlers stay in place
 };
 
 /// POCO 1.11 has no choice to offer and always decodes "+"; newer versions ask.
@@ -178,7 +167,7 @@ std::shared_ptr<WebApiBasic> WebApiBasic::instance()
 
 WebApiBasic::~WebApiBasic()
 {
-    retireTable();
+    TableUse::instance().close(api_handlers);
 }
 
 void WebApiBasic::start(const Poco::Net::ServerSocket& socket)
@@ -186,12 +175,13 @@ void WebApiBasic::start(const Poco::Net::ServerSocket& socket)
     if (http_server) throw Poco::LogicException();
     // Settled: the built-in paths answer nothing at all, and replace what the host has registered there.
     const ApiHandler answerless = [](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&) {};
-    api_handlers["/"] = answerless;
-    api_handlers["/index/api/getApiList"] = answerless;
+    auto& use = TableUse::instance();
+    use.store(api_handlers, "/", answerless);
+    use.store(api_handlers, "/index/api/getApiList", answerless);
     http_server = HttpServer::createInstance(
         socket, new Poco::Net::HTTPServerParams,
         [this](HTTPServerRequest& request, HTTPServerResponse& response) { dispatch(request, response); });
-    TableUse::instance().open();
+    use.open();
     http_server->start();
 }
 
@@ -201,47 +191,29 @@ void WebApiBasic::stop()
         http_server->stop();
         http_server.reset();
     }
-    retireTable();  // Settled: whatever the state was, every registration is forgotten
-}
-
-void WebApiBasic::retireTable()
-{
-    TableUse::instance().close();
-    TableUse::Table table;
-    table.swap(api_handlers);
-    TableUse::instance().retire(std::move(table));
-}
-
-const ApiHandler* WebApiBasic::findHandler(const std::string& path) const
-{
-    const TableUse::LookUp look_up(TableUse::instance());
-    if (!look_up.allowed()) return nullptr;  // on a kept connection after stop(): the registry may be gone
-    const auto found = api_handlers.find(path);
-    return found == api_handlers.end() ? nullptr : &found->second;
+    // Settled: whatever the state was, every registration is forgotten.
+    TableUse::instance().close(api_handlers);
 }
 
 void WebApiBasic::dispatch(HTTPServerRequest& request, HTTPServerResponse& response)
 {
-    const TableUse::Request counted(TableUse::instance());
     const Poco::URI uri(request.getURI());  // Settled: what this throws goes to POCO unlogged
-    const ApiHandler* const handler = findHandler(uri.getPath());
-    if (handler == nullptr) {
-        apiNotFound(response);
+    const TableUse::Request known(api_handlers, uri.getPath());
+    if (known.handler == nullptr) {
+        apiNotFound(response);  // Settled: no content type is set for it
         return;
     }
-    logged([&] { (*handler)(request, response, paramsOf(uri)); });
+    logged([&] { (*known.handler)(request, response, paramsOf(uri)); });
 }
 
 void WebApiBasic::store(std::string uri, ApiHandler handler)
 {
-    TableUse::Table replaced;
-    TableUse::instance().settle();
-    if (auto entry = api_handlers.extract(uri)) replaced.insert(std::move(entry));
-    api_handlers.emplace(std::move(uri), std::move(handler));
-    TableUse::instance().settle();
-    if (!replaced.empty()) TableUse::instance().retire(std::move(replaced));
+    // Settled: what stands under the key already is replaced without a word. A host registers its own handler
+    // over a built-in one in just this way.
+    TableUse::instance().store(api_handlers, std::move(uri), std::move(handler));
 }
 
+// Settled: logs nothing, unlike the others. There is no function of the host that one could look for.
 void WebApiBasic::apiRegist(std::string uri)
 {
     store(std::move(uri), [this](HTTPServerRequest&, HTTPServerResponse& response, const ApiParams&) {
@@ -290,6 +262,7 @@ void WebApiBasic::answerBody(const ApiBodyHandler& handler, HTTPServerRequest& r
                              HTTPServerResponse& response, const ApiParams& params,
                              const Poco::JSON::Object::Ptr& body)
 {
+    // Settled: after bodyNotFound() comes apiNotFound(), or the error below: the first answer ends nothing.
     if (body.isNull()) bodyNotFound(response);
     if (!handler) {
         apiNotFound(response);

@@ -51,8 +51,8 @@ using ApiBodyHandler =
 /// Of a body that nobody has read, POCO takes what is left for the next request of the connection. So a
 /// handler that does not want a body either reads it or calls response.setKeepAlive(false) before it answers.
 ///
-/// instance() may be called from any thread. start(), stop() and apiRegist() take no lock: call them from one
-/// thread at a time, and register before start(), or when no request can arrive.
+/// instance() and apiRegist() may be called from any thread, while requests are served, too. start() and
+/// stop() belong to one thread at a time.
 class KRO_API WebApiBasic
 {
 public:
@@ -71,10 +71,11 @@ public:
     /// Ends accepting and forgets every registration, also when the registry was not started. Requests in
     /// flight go on to their answer; connections that are kept get apiNotFound() from now on. A handler is
     /// destroyed here, or with the last request in flight, on that one's thread. May be called from a
-    /// handler.
+    /// handler. POCO closes the connections that wait for a thread, up to 64, without an answer.
     void stop();
 
-    /// Registers under the key as given, in place of what stood there.
+    /// Registers under the key as given, in place of what stood there, which is destroyed here, or with the
+    /// last request in flight.
     /// @param uri      a path, decoded and without a query, such as "/index/api/version".
     /// @param handler  may be empty: the plain form is then an error for each request, the other two answer
     ///                 apiNotFound(). The form without one answers apiSuccess().
@@ -92,9 +93,7 @@ public:
 private:
     WebApiBasic() = default;
     void dispatch(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
-    const ApiHandler* findHandler(const std::string& path) const;  // null if there is none, or when stopped
     void store(std::string uri, ApiHandler handler);
-    void retireTable();
     void answerBody(const ApiBodyHandler& handler, Poco::Net::HTTPServerRequest& request,
                     Poco::Net::HTTPServerResponse& response, const ApiParams& params,
                     const Poco::JSON::Object::Ptr& body);
@@ -102,7 +101,7 @@ private:
     friend struct WebApiBasicTestAccess;
 
     std::shared_ptr<HttpServer> http_server;         // null while stopped
-    std::map<std::string, ApiHandler> api_handlers;  // path to handler; no lock, see TableUse
+    std::map<std::string, ApiHandler> api_handlers;  // path to handler; guarded by TableUse's lock
 
     static std::shared_ptr<WebApiBasic> s_instance;
     static std::mutex s_inst_mutex;  // guards the creation and copying of s_instance

@@ -51,14 +51,16 @@ extern KRO_API const onceToken token;  ///< writes the defaults while the librar
 /// Gets the status of the answer and its body, an empty object unless the body is a JSON object. Runs on a
 /// thread of the default pool. If it throws a std::exception it runs a second time, with the same status and
 /// an empty object. Empty, it is fine for an answer that is a JSON object; any other ends in
-/// std::bad_function_call there.
+/// std::bad_function_call there. If the second call throws a Poco::Exception, that counts as a failed
+/// request, and a third call has status 400 and an empty object.
 using HookResponseCallback = std::function<void(Poco::Net::HTTPResponse::HTTPStatus, Poco::JSON::Object&)>;
 
 /// Tells an outside endpoint that the service has started and that it is alive: GET requests whose answers
 /// are dropped, and whose failures only show as the HTTP client's log line. Nothing is retried.
 ///
 /// Each function reads its settings once, at its first call in the process, and keeps them: load the
-/// configuration first. Call the reports from one thread.
+/// configuration first. Call the reports from one thread. A "hook.enable" that is no bool makes both reports
+/// throw POCO's Poco::SyntaxException, at each call.
 class KRO_API WebHookBasic
 {
 public:

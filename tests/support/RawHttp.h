@@ -32,6 +32,11 @@ public:
     std::string rest();  ///< everything up to the end of the connection; nothing more after a reset
     void finishSending() { socket.shutdownSend(); }
     void close() { socket.close(); }
+    void reset()  ///< closes, and drops what is under way in either direction
+    {
+        socket.setLinger(true, 0);
+        socket.close();
+    }
 
 private:
     bool receiveMore();
