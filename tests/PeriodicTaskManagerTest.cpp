@@ -1,6 +1,7 @@
 #include "PeriodicTaskManager.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +18,11 @@ struct PeriodicTaskManagerTestAccess
 {
     struct Delete
     {
-        void operator()(PeriodicTaskManager* manager) const { delete manager; }
+        void operator()(PeriodicTaskManager* manager) const
+        {
+            EXPECT_TRUE(test::eventually([&] { return manager->endThreads_l(); }));
+            delete manager;
+        }
     };
     static PeriodicTaskManager* make() { return new PeriodicTaskManager; }
     static ThreadPool& pool(PeriodicTaskManager& manager) { return manager.thread_pool; }
@@ -26,6 +31,8 @@ struct PeriodicTaskManagerTestAccess
         return manager.task_periods;
     }
     static void setNextId(PeriodicTaskManager& manager, unsigned int id) { manager.next_task_id = id; }
+    /// The monitors that have not ended: each has a share in the gate.
+    static long monitors(PeriodicTaskManager& manager) { return manager.exit_gate.use_count() - 1; }
     static auto interval(PeriodicTaskManager& manager) { return manager.monitor_interval.count(); }
     static std::shared_ptr<TaskContext> record(PeriodicTaskManager& manager, unsigned int id)
     {
@@ -244,7 +251,7 @@ TEST_F(PeriodicTaskManagerTest, TakesATenthOfTheShortestPeriodAndLogsByItsRule)
 TEST_F(PeriodicTaskManagerTest, LooksOnceAndDeclaresNoTimeOutForARunThatIsWatchedInTime)
 {
     const unsigned int id = add(
-        *manager, 1h, [&] { released.wait(); }, 500ms);
+        *manager, 1h, [&] { released.wait(); }, 3s);
     const auto task = Access::record(*manager, id);
     LogCapture::instance().clear();
     task->task_status = TASK_RUNNING;
@@ -319,11 +326,7 @@ TEST_F(PeriodicTaskManagerTest, RunsFromStartToStopAndAgain)
         manager->startPeriodMonitorTask();
         EXPECT_TRUE(test::eventually([&] { return runs >= 5; }));
         manager->stopPeriodMonitorTask();
-        EXPECT_TRUE(test::eventually([&] {  // a line at each pass tells that there is none any more
-            const auto passes = lines().size();
-            std::this_thread::sleep_for(50ms);
-            return lines().size() == passes;
-        }));
+        EXPECT_TRUE(test::eventually([&] { return Access::monitors(*manager) == 0; }));
         EXPECT_TRUE(test::eventually([&] { return manager->getTaskStatus(id) == TASK_IDLE; }));
     }
 }
@@ -374,6 +377,55 @@ TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyWhileTheMonitorIsAtWork)
         };
         EXPECT_EXIT(work_and_exit(), testing::ExitedWithCode(0), "");
     }
+}
+
+/// Runs `function` under the monitor. Whatever hangs in the process from then on is killed.
+void runOne(void (*function)())
+{
+    alarm(60);
+    add(PeriodicTaskManager::getInstance(), 1ms, function);
+    PeriodicTaskManager::getInstance().startPeriodMonitorTask();
+}
+
+TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyFromWithinATask)
+{
+    const auto exit_inside = [] {
+        runOne([] { std::exit(7); });
+        pause();
+    };
+    EXPECT_EXIT(exit_inside(), testing::ExitedWithCode(7), "");
+}
+
+TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyBesideATaskThatNeverReturns)
+{
+    static std::atomic<bool> s_began{false};
+    const auto exit_beside = [] {
+        runOne([] {
+            s_began = true;
+            for (;;) pause();
+        });
+        std::exit(test::eventually([] { return s_began.load(); }) ? 0 : 1);
+    };
+    EXPECT_EXIT(exit_beside(), testing::ExitedWithCode(0), "");
+}
+
+TEST(PeriodicTaskManagerDeathTest, LetsAForkedChildExitWithoutItsThreads)
+{
+    const auto fork_and_exit = [] {
+        LogCapture::instance().clear();
+        PeriodicTaskManager::getInstance().startPeriodMonitorTask();
+        test::eventually([] { return !LogCapture::instance().lines().empty(); });  // then it sleeps for 2 s
+        std::this_thread::sleep_for(10ms);  // a fork may strike the sanitizers' allocators at their work
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(15);
+            std::exit(0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        std::exit(status == 0 ? 0 : 1);
+    };
+    EXPECT_EXIT(fork_and_exit(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "KroApi.h"
@@ -49,11 +50,14 @@ public:
     /// @throws Poco::SystemException if its mutex can't be locked or unlocked.
     static NotificationCenter& defaultCenter();
 
-    /// Adds an entry, or replaces whatever has the name.
-    /// @param object  kept with its type T. A null pointer is an entry that find() can't tell from none.
+    /// Adds an entry, or replaces whatever has the name. A fire() that is under way may still call a callable
+    /// that was replaced.
+    /// @param object  kept with its type T.
+    /// @throws std::invalid_argument if `object` is null, which find() couldn't tell from no entry.
     template <typename T>
     void set(const std::string& name, std::shared_ptr<T> object)
     {
+        if (!object) throw std::invalid_argument("the entry \"" + name + "\" has no object");
         replace(name, std::make_shared<const std::any>(std::move(object)));
     }
 
@@ -74,7 +78,9 @@ public:
         throw std::invalid_argument("the entry \"" + name + "\" is of another type");
     }
 
-    /// @return true if there was such an entry. A callable that is just being fired still ends its run.
+    /// A fire() that is under way may still call the removed callable, also after this has returned: let what
+    /// it uses live until then.
+    /// @return true if there was such an entry.
     bool remove(const std::string& name);
 
     std::vector<std::string> names() const;  ///< of all entries, sorted

@@ -1,5 +1,7 @@
 #include "PeriodicTaskManager.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <exception>
@@ -13,18 +15,13 @@ using std::chrono::steady_clock;
 namespace kro
 {
 
-/// How the manager ends with the process while its threads are at work, be they the detached monitor,
-/// sleeping watches or functions. The manager is a static object, so exit() destroys it, and a host that
-/// forgot to stop the monitor must not crash there. So the monitor is counted here from its start to its last
-/// touch of the manager, and both of our own sleeps (after a pass, and of a watch) happen here, where the
-/// destructor can end them. It then waits for a pass that is under way, which is short, and for runs, since
-/// the pool would drop their adapters under them. Nothing else waits: stopPeriodMonitorTask() returns at
-/// once, and the thread is detached.
-///
-/// The threads share the gate, which therefore outlives the manager.
+/// Where the manager's end meets its threads: the monitor is counted here from its start to its last touch of
+/// the manager, and both of our own sleeps (after a pass, and of a watch) happen here, where the end can wake
+/// them. The monitor's thread has a share in it, since it may still be in monitorLeaves() when the manager
+/// goes.
 struct PeriodicTaskManager::ExitGate
 {
-    /// Sleeps as std::this_thread::sleep_for() does, but no longer than the manager lives.
+    /// Sleeps as std::this_thread::sleep_for() does, but no longer than until the manager's end.
     void sleep(milliseconds duration)
     {
         constexpr milliseconds kMostAtOnce =
@@ -50,18 +47,32 @@ struct PeriodicTaskManager::ExitGate
         changed.notify_all();
     }
 
-    /// Holds the calling thread for good if nobody waited for its run: what it would return to is gone.
-    void holdIfAbandoned()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [this] { return !abandoned; });
-    }
-
     std::mutex mutex;                 // guards all below; a leaf
     std::condition_variable changed;  // closing was set or monitors has sunk
-    bool closing = false;             // the destructor is at work: nobody sleeps any more
-    bool abandoned = false;           // it has waited long enough and goes on
+    bool closing = false;             // the manager ends: nobody sleeps any more
     int monitors = 0;                 // threads that may still touch the manager
+};
+
+/// The process's manager, and how it ends with the process while its threads are at work, be they the
+/// detached monitor, sleeping watches or functions: a host that forgot to stop the monitor must not crash in
+/// exit(). So nothing is destroyed that a thread is still in. The end wakes what sleeps and waits for the
+/// rest, briefly; if somebody is left inside after that, the manager stays as it is until the process is
+/// gone. That holds also where a function calls exit(), which then never returns to its run, and in the child
+/// of a fork, which has the manager but none of its threads, and its mutexes as they happened to be.
+struct PeriodicTaskManager::Instance
+{
+    Instance() : manager() {}
+    ~Instance()
+    {
+        if (getpid() == maker && manager.endThreads_l()) manager.~PeriodicTaskManager();
+    }
+    Instance(const Instance&) = delete;
+    Instance& operator=(const Instance&) = delete;
+
+    const pid_t maker = getpid();
+    union {
+        PeriodicTaskManager manager;  // in a union, so that it goes only where it is told to
+    };
 };
 
 namespace
@@ -69,11 +80,18 @@ namespace
 thread_local bool s_inside_run = false;  // of any manager; there is one
 }
 
+// Settled: no std::shared_ptr owns the pool, so every started run leaves its adapter in it, with a share in
+// its record, until the manager goes. Memory grows with the number of runs.
 PeriodicTaskManager::PeriodicTaskManager()
     : thread_pool(1, 32, 60, 0), exit_gate(std::make_shared<ExitGate>())
 {}
 
 PeriodicTaskManager::~PeriodicTaskManager()
+{
+    endThreads_l();  // of the process's own manager it is the second time, and finds nothing to do
+}
+
+bool PeriodicTaskManager::endThreads_l()
 {
     monitor_running = false;
     if (monitor_thread.joinable()) monitor_thread.join();  // it is detached as a rule, and awaited below
@@ -86,36 +104,31 @@ PeriodicTaskManager::~PeriodicTaskManager()
         }
         tasks.swap(ended);
     }
-    awaitThreads_l();
-}
-
-void PeriodicTaskManager::awaitThreads_l()
-{
-    // The patience that POCO's pool, too, has with each of its threads when it is destroyed.
-    const auto deadline = steady_clock::now() + std::chrono::seconds(10);
+    const auto deadline =
+        steady_clock::now() + std::chrono::seconds(1);  // a pass is short; a function may not be
     {
         std::unique_lock<std::mutex> lock(exit_gate->mutex);
         exit_gate->closing = true;
         exit_gate->changed.notify_all();
-        exit_gate->changed.wait_until(lock, deadline, [this] { return exit_gate->monitors == 0; });
+        if (!exit_gate->changed.wait_until(lock, deadline, [this] { return exit_gate->monitors == 0; }))
+            return false;
     }
     // Only the pool knows when a thread is through with its adapter, and has no event with a deadline to wait
-    // for. A run that has called exit() is on this thread, and never returns to what goes here.
+    // for.
     const int own = s_inside_run ? 1 : 0;
     while (thread_pool.used() > own && steady_clock::now() < deadline)
         std::this_thread::sleep_for(milliseconds(1));
-    const std::lock_guard<std::mutex> lock(exit_gate->mutex);
-    exit_gate->abandoned = true;
+    return thread_pool.used() == 0;
 }
 
 PeriodicTaskManager& PeriodicTaskManager::getInstance()
 {
-    static PeriodicTaskManager instance;
-    return instance;
+    static Instance instance;
+    return instance.manager;
 }
 
-// The types of the arguments of log lines are part of the lines, also where Poco::format prints something
-// else for them than one would expect: people search for what is printed.
+// Settled: the types of the arguments of log lines are part of the lines, also where Poco::format prints
+// [ERRFMT] or a bare "lu" for them: people search for what is printed.
 
 unsigned int PeriodicTaskManager::registerTask(std::string& name, milliseconds period,
                                                std::function<void()> func, milliseconds timeout)
@@ -130,7 +143,7 @@ unsigned int PeriodicTaskManager::registerTask(std::string& name, milliseconds p
         return 0;
     }
     const auto task = std::make_shared<TaskContext>();
-    task->task_id = next_task_id++;
+    task->task_id = next_task_id++;  // Settled: nothing guards the wrap after 2^32 - 1 registrations
     task->task_period = period;
     task->task_func = std::move(func);
     task->task_timeout = timeout;
@@ -182,8 +195,8 @@ std::size_t PeriodicTaskManager::getTaskCount() const
 
 void PeriodicTaskManager::showAllTaskInfo(std::stringstream& stream)
 {
-    stream
-        << "task id   name  period    timout    status \n";  // "timout" is what readers of the listing know
+    // Settled: "timout", and columns that aren't aligned: this is what readers of the listing know.
+    stream << "task id   name  period    timout    status \n";
     const std::lock_guard<std::mutex> lock(tasks_mutex);
     for (const auto& entry : tasks) {
         const TaskContext& task = *entry.second;
@@ -212,6 +225,8 @@ void PeriodicTaskManager::executeTask(const std::shared_ptr<TaskContext>& task)
 
 void PeriodicTaskManager::startPeriodMonitorTask()
 {
+    // Settled: nobody looks whether a former monitor still sleeps. It would go on, and the two share
+    // due_tasks.
     monitor_running = true;
     exit_gate->monitorEnters();
     try {
@@ -261,27 +276,23 @@ void PeriodicTaskManager::executeTaskWithTimeout(const std::shared_ptr<TaskConte
     thread_pool.startWithPriority([this, task] { run_l(task); }, task->task_name, false);
 }
 
-// By value: where the destructor has waited long enough, the adapter goes, and with it the lambda's own
-// share. NOLINTNEXTLINE(performance-unnecessary-value-param)
-void PeriodicTaskManager::run_l(std::shared_ptr<TaskContext> task)
+void PeriodicTaskManager::run_l(const std::shared_ptr<TaskContext>& task)
 {
     if (task->task_abort || task->task_status == TASK_CANCELLED) {
         task->task_status = TASK_CANCELLED;
         return;
     }
     {
-        const std::lock_guard<std::mutex> lock(
-            tasks_mutex);  // a late watch of a former run may be reading it
+        // A late watch of a former run may be reading it.
+        const std::lock_guard<std::mutex> lock(tasks_mutex);
         task->task_exec_start = steady_clock::now();
     }
     // Settled: where the pool refuses the watch, the exception ends this run before its function was called;
     // the task stays TASK_RUNNING and is never due again.
     if (task->task_timeout.count() > 0) timeoutMonitor(task);
-    const auto gate = exit_gate;
     s_inside_run = true;
     executeTask(task);
     s_inside_run = false;
-    gate->holdIfAbandoned();
 }
 
 void PeriodicTaskManager::timeoutMonitor(const std::shared_ptr<TaskContext>& task)
@@ -289,8 +300,7 @@ void PeriodicTaskManager::timeoutMonitor(const std::shared_ptr<TaskContext>& tas
     thread_pool.startWithPriority([this, task] { watch_l(task); }, "monitor task", true);
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): as run_l()
-void PeriodicTaskManager::watch_l(std::shared_ptr<TaskContext> task)
+void PeriodicTaskManager::watch_l(const std::shared_ptr<TaskContext>& task)
 {
     while (task->task_status == TASK_RUNNING) {
         steady_clock::time_point started;

@@ -65,16 +65,19 @@ struct TaskContext
 /// logged, and it runs again at its next period.
 ///
 /// Limits to plan with. More than 32 runs at a time end the process, and a run with a time-out takes two
-/// threads, the second one for the whole time-out. Every run leaves some hundred bytes behind until the
-/// process ends.
+/// threads, the second one for the whole time-out. If that second thread isn't to be had, the run is lost:
+/// the function isn't called, the refusal is logged, and the task stays TASK_RUNNING for ever and never runs
+/// again. Every run leaves some hundred bytes behind until the process ends.
 class KRO_API PeriodicTaskManager : public std::enable_shared_from_this<PeriodicTaskManager>
 {
 public:
-    /// The first call makes the manager; nothing runs before startPeriodMonitorTask(). It is a static object
-    /// and ends with the process, so make what the functions use before it. exit() may come at any moment: it
-    /// starts nothing any more, ends the sleep of the monitor and of watches, and waits for functions that
-    /// are running, 10 s for all of them and then POCO's 10 s for each thread that still runs one. A function
-    /// that calls exit() itself is such a one.
+    /// The first call makes the manager; nothing runs before startPeriodMonitorTask(). It ends with the
+    /// process, so make what the functions use before it. exit() may come at any moment, also from a
+    /// function: it starts nothing any more, ends the sleep of the monitor and of watches, and waits for
+    /// functions that are running, 1 s for all of them. With nothing running it costs no noticeable time.
+    /// Where a function still runs after that, the manager is not destroyed, and the function goes on beside
+    /// what is left of exit(). Nor is it destroyed in the child of a fork, where its threads don't exist and
+    /// nothing runs.
     /// @return the process's one manager.
     static PeriodicTaskManager& getInstance();
     PeriodicTaskManager(const PeriodicTaskManager&) = delete;
@@ -123,23 +126,25 @@ public:
 
 private:
     struct ExitGate;
+    struct Instance;
 
     PeriodicTaskManager();
     ~PeriodicTaskManager();
 
     void monitorPeriodTasks();                                              // one pass, on the monitor thread
     void executeTaskWithTimeout(const std::shared_ptr<TaskContext>& task);  // hands a run to the pool
-    void run_l(std::shared_ptr<TaskContext> task);                  // on a pool thread; takes tasks_mutex
+    void run_l(const std::shared_ptr<TaskContext>& task);           // on a pool thread; takes tasks_mutex
     void timeoutMonitor(const std::shared_ptr<TaskContext>& task);  // hands a watch to the pool
-    void watch_l(std::shared_ptr<TaskContext> task);                // on a pool thread; takes tasks_mutex
+    void watch_l(const std::shared_ptr<TaskContext>& task);         // on a pool thread; takes tasks_mutex
     void cleanUpTasks();
     void adjustMonitorInterval();
-    void awaitThreads_l();  // takes the gate's mutex
+    /// Ends all runs and sleeps, and waits for the threads; may be repeated. Takes tasks_mutex and the
+    /// gate's.
+    /// @return true if no thread but the caller's is in the manager, and the caller's is in none of its runs.
+    bool endThreads_l();
 
     friend struct PeriodicTaskManagerTestAccess;
 
-    // No std::shared_ptr owns the pool: every started run leaves its adapter in it, with a share in its
-    // record.
     ThreadPool thread_pool;
     std::unordered_map<unsigned int, std::shared_ptr<TaskContext>> tasks;  // by id
     // Guards tasks, task_periods and the times of records; held while logging. No call to the pool under it.

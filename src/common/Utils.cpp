@@ -30,6 +30,7 @@ std::string jsonToString(Poco::JSON::Object::Ptr json)
         json->stringify(text, 0, -1);
         return text.str();
     } catch (const std::exception& e) {
+        // Settled: handed over as a const char*, for which %s prints [ERRFMT].
         KRO_LOG_ERROR("JsonToString exception: %s", e.what());
         return {};
     }
@@ -75,10 +76,10 @@ bool bearsName(const char* entry, const std::string& name)
     const std::unique_ptr<std::FILE, Closer> status(std::fopen(text.data(), "r"));
     if (!status || std::fgets(text.data(), 1023, status.get()) == nullptr) return false;
     // Settled: the second word of "Name: one two", so that a name with a blank is known by its first word
-    // only.
+    // only. A name of blanks alone has none, and is no match for any name.
     std::array<char, 1024> word{};
-    std::sscanf(text.data(), "%*s %s", word.data());
-    return std::strcmp(word.data(), name.c_str()) == 0;
+    return std::sscanf(text.data(), "%*s %s", word.data()) == 1 &&
+           std::strcmp(word.data(), name.c_str()) == 0;
 }
 
 bool hasEnds(const std::string& file_name, const std::string& prefix, const std::string& suffix)
@@ -155,6 +156,7 @@ void listFilesRecursively(const Poco::Path& dir, std::list<std::string>& files, 
     const Poco::DirectoryIterator end;
     for (Poco::DirectoryIterator entry(dir); entry != end; ++entry) {
         if (entry->isDirectory()) {
+            // Settled: every kind descends everywhere, an unknown one too.
             listFilesRecursively(Poco::Path(entry->path()), files, type, prefix);
             continue;
         }
@@ -168,7 +170,7 @@ void listFilesRecursively(const Poco::Path& dir, std::list<std::string>& files, 
                 break;
             case kPlugin:
                 if (!hasEnds(file_name, prefix, ".so")) break;
-                KRO_LOG_INFORMATION("pulugin: %s", path);
+                KRO_LOG_INFORMATION("pulugin: %s", path);  // Settled: people search for it as it is spelt
                 files.push_back(path);
                 break;
             case kLogFile:

@@ -39,18 +39,22 @@ KRO_API std::string getCurrentChildPath(const std::string& name);
 /// @return true if `pids` holds anything, be it from before.
 KRO_API bool findProcessByName(const std::string& name, std::vector<int>& pids);
 
-/// Ends a process with SIGKILL, through the shell's kill. Waits for the shell, not for the process's end.
-/// A process that isn't there, or isn't ours to kill, is left without a word; other failures are logged.
+/// Ends a process with SIGKILL: `pid` goes to the shell's kill. Waits for the shell, not for the process's
+/// end; meanwhile SIGCHLD is blocked on the calling thread, and the process ignores SIGINT and SIGQUIT
+/// (POSIX, system()). A process that isn't there, or isn't ours to kill, is left without a word; other
+/// failures are logged.
 /// @param pid  0 is the caller's own process group.
 KRO_API void cleanProcessById(const unsigned int& pid);
 
 /// Ends every process that findProcessByName() finds, the caller too if it bears the name.
 KRO_API void cleanProcessByName(const std::string& name);
 
-/// Sends one ICMP echo through the shell's ping and waits up to 2 s for the answer.
+/// Sends one ICMP echo through the shell's ping and waits up to 2 s for the answer, with SIGCHLD, SIGINT and
+/// SIGQUIT as for cleanProcessById().
 /// @param ip  an address or a host name. It goes to the shell as it stands, so never hand over what came from
 ///            outside.
-/// @return true if it answered. False without an answer, without a ping on the machine, and after a failure.
+/// @return true if it answered. False without an answer, without a ping on the machine, after a failure, and
+///         always in a host that ignores SIGCHLD: the shell's result can't be had there.
 KRO_API bool pingIp(const std::string& ip);
 
 /// What listFilesRecursively() collects.
@@ -64,6 +68,8 @@ enum ListFileType : std::int32_t
 /// Collects the files below a directory, in no order. Links are followed: a link to a directory is descended
 /// into, and a loop of links ends in an exception when the kernel has had enough of it.
 /// @param files   full paths are put at its back; what it held before stays, also when this throws.
+/// @param type    a value beyond the enumeration ends each directory at its first plain file, and
+///                collects nothing.
 /// @param prefix  empty matches every name.
 /// @throws Poco::Exception if a directory can't be read or a link leads nowhere.
 KRO_API void listFilesRecursively(const Poco::Path& dir, std::list<std::string>& files,
