@@ -34,11 +34,9 @@ struct PeriodicTaskManager::ExitGate
         }
     }
 
-    void monitorEnters()
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        ++monitors;
-    }
+    /// The monitor's first step: returns when who starts it is through with monitor_thread, which a function
+    /// that calls exit() reads on its own thread.
+    void monitorEnters() { const std::lock_guard<std::mutex> lock(mutex); }
 
     void monitorLeaves()
     {
@@ -228,18 +226,14 @@ void PeriodicTaskManager::startPeriodMonitorTask()
     // Settled: nobody looks whether a former monitor still sleeps. It would go on, and the two share
     // due_tasks.
     monitor_running = true;
-    exit_gate->monitorEnters();
-    try {
-        monitor_thread = std::thread([this, gate = exit_gate] {
-            // Settled: nothing is caught here. A full pool, or anything else that a pass throws, ends the
-            // process.
-            while (monitor_running) monitorPeriodTasks();
-            gate->monitorLeaves();  // from here on the manager may be gone
-        });
-    } catch (...) {
-        exit_gate->monitorLeaves();
-        throw;
-    }
+    const std::lock_guard<std::mutex> starting(exit_gate->mutex);
+    monitor_thread = std::thread([this, gate = exit_gate] {
+        gate->monitorEnters();
+        // Settled: nothing is caught here. A full pool, or anything else that a pass throws, ends the process.
+        while (monitor_running) monitorPeriodTasks();
+        gate->monitorLeaves();  // from here on the manager may be gone
+    });
+    ++exit_gate->monitors;
     monitor_thread.detach();
 }
 
