@@ -29,6 +29,12 @@ namespace kro
 struct LoggerTestAccess
 {
     static std::string path() { return LoggerImpl::instance().log_file_path; }
+    static std::vector<const NonBlockingLoggerChannel*> branches(const LogSplitter& splitter)
+    {
+        return {splitter.current.load()->file.get(), splitter.current.load()->console.get()};
+    }
+    static std::size_t limit(const NonBlockingLoggerChannel& branch) { return branch.max_queue_; }
+    static const Poco::Channel& target(const NonBlockingLoggerChannel& branch) { return *branch.channel_; }
     static std::time_t nextMidnight(std::time_t now) { return LoggerImpl::nextMidnight(now); }
 };
 
@@ -40,14 +46,14 @@ using test::logFiles;
 using test::LogWriters;
 using Access = LoggerTestAccess;
 
-/// Standard error leads to /dev/null, or to a pipe that is full and that nobody reads, until the end of the
-/// scope.
+/// Standard error leads to a file, or to a pipe that is full and that nobody reads, until
+/// the end of the scope.
 class ConsoleGuard
 {
 public:
-    explicit ConsoleGuard(bool stalled = false) : former(dup(STDERR_FILENO))
+    explicit ConsoleGuard(bool stalled = false, const char* path = "/dev/null") : former(dup(STDERR_FILENO))
     {
-        int target = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        int target = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         if (stalled) {
             close(target);
             EXPECT_EQ(pipe2(unread, O_CLOEXEC), 0);
@@ -105,13 +111,13 @@ protected:
 
     /// Runs LogHost in `mode` to its end.
     /// @return its exit code, -1 if a signal ended it or it hung.
-    static int runHost(const char* mode, std::chrono::seconds deadline = std::chrono::seconds(60))
+    static int runHost(const char* mode, std::chrono::seconds deadline = std::chrono::seconds(60),
+                       std::string program = KRO_LOG_HOST)
     {
-        std::string program = KRO_LOG_HOST;
         std::string mode_argument = mode;
         char* arguments[] = {program.data(), mode_argument.data(), nullptr};
         pid_t host = 0;
-        if (posix_spawn(&host, KRO_LOG_HOST, nullptr, nullptr, arguments, environ) != 0) return -1;
+        if (posix_spawn(&host, program.c_str(), nullptr, nullptr, arguments, environ) != 0) return -1;
         int status = 0;
         if (!eventually([&] { return waitpid(host, &status, WNOHANG) == host; }, deadline)) {
             kill(host, SIGKILL);
@@ -161,9 +167,29 @@ TEST_F(LogFilesTest, BuildsTheWholeGraphUnderTheExecutablesName)
     ASSERT_TRUE(formatter);
     EXPECT_EQ(formatter->getProperty("pattern"), "%Y-%m-%d %H:%M:%S.%i %s:%O:%u:%p:%t");
     EXPECT_EQ(formatter->getProperty("times"), "local");
-    const auto splitter = formatting->getChannel().cast<Poco::SplitterChannel>();
+    const auto splitter = formatting->getChannel().cast<LogSplitter>();
     ASSERT_TRUE(splitter);
     EXPECT_EQ(splitter->count(), 2);
+    const auto branches = Access::branches(*splitter);
+    ASSERT_EQ(branches.size(), 2u);
+    {
+        EXPECT_EQ(Access::limit(*branches[0]), 100000u);
+        const auto* const file = dynamic_cast<const Poco::FileChannel*>(&Access::target(*branches[0]));
+        ASSERT_NE(file, nullptr);
+        const std::pair<const char*, std::string> properties[] = {{"path", Access::path()},
+                                                                  {"times", "local"},
+                                                                  {"rotation", "10M"},
+                                                                  {"archive", "timestamp"},
+                                                                  {"purgeCount", "10"}};
+        for (const auto& [name, value] : properties) EXPECT_EQ(file->getProperty(name), value);
+        EXPECT_EQ(Access::limit(*branches[1]), 1000u);
+        const auto* const console =
+            dynamic_cast<const Poco::ColorConsoleChannel*>(&Access::target(*branches[1]));
+        ASSERT_NE(console, nullptr);
+        for (const char* const name : {"informationColor", "noticeColor"})
+            EXPECT_EQ(console->getProperty(name), "cyan");
+        EXPECT_EQ(console->getProperty("enableColors"), "true");
+    }
 
     // A host's own use of the logger, and the level that it sets, go the same way as a log site's lines.
     std::thread([&] {
@@ -195,6 +221,7 @@ TEST_F(LogFilesTest, RenewsUnderLoadWithEveryLineInTheFileOfItsDay)
         writers.writeUntilStopped();
         for (int day = 0; day < kRenewals; ++day) {
             writers.waitForMore(50);
+            ASSERT_TRUE(eventually([&] { return std::filesystem::exists(path); }));
             // The open file takes its lines on under the new name, as yesterday's does; today's is made anew.
             days.push_back(path + "." + std::to_string(day));
             std::filesystem::rename(path, days.back());
@@ -249,10 +276,13 @@ TEST_F(LogFilesTest, TakesItsLoggerBackFromAHostThatTamperedWithIt)
     ours.setLevel(1);
     ours.setChannel(nullptr);
     loadLogging();
-    EXPECT_EQ(&Poco::Logger::get(logName()), &ours);
     std::thread([] { KRO_LOG_INFORMATION("here again"); }).join();
+    ours.information("and on the address that threads hold");
     test::flushLog();
-    EXPECT_NE(linesOf(Access::path()).back().find("here again"), std::string::npos);
+    const auto lines = linesOf(Access::path());
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_NE(lines[lines.size() - 2].find("here again"), std::string::npos);
+    EXPECT_NE(lines.back().find("and on the address that threads hold"), std::string::npos);
 }
 
 TEST_F(LogFilesTest, FindsTheNextMidnightAcrossMonthsYearsAndSummerTime)
@@ -309,6 +339,50 @@ TEST_F(LogFilesTest, ReachesTheFileWhileNobodyReadsTheConsole)
     const ConsoleGuard stalled(true);
     EXPECT_EQ(runHost("returnFromMain"), 0) << "nor may it hang at its end";
     EXPECT_EQ(LogWriters::faultIn(hostLines(), 8), "");
+}
+
+TEST_F(LogFilesTest, ShowsTheLinesInColourOnTheConsole)
+{
+    const std::string path = "/media/console";
+    {
+        const ConsoleGuard kept(false, path.c_str());
+        EXPECT_EQ(runHost("deleteAndLogOn"), 0);
+    }
+    std::vector<std::string> coloured;
+    for (const std::string& line : hostLines()) coloured.push_back("\x1B[36m" + line + "\x1B[0m");
+    EXPECT_EQ(linesOf(path), coloured);
+    std::filesystem::remove(path);
+}
+
+TEST_F(LogFilesTest, ReachesTheConsoleWhenTheFileCantBeWritten)
+{
+    const std::string path = "/media/console";
+    {
+        const ConsoleGuard kept(false, path.c_str());
+        EXPECT_EQ(runHost("logWithoutAFile"), 0);
+    }
+    const auto shown = linesOf(path);
+    EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const std::string& line) {
+        return line.find("Warning:to the console alone") != std::string::npos;
+    }));
+    std::filesystem::remove(path);
+}
+
+TEST_F(LogFilesTest, NamesLoggerAndFileWithoutTheExecutablesExtensionInLowerCase)
+{
+    const std::string program = "/media/MyService.bin";
+    std::filesystem::copy_file(KRO_LOG_HOST, program);
+    EXPECT_EQ(runHost("deleteAndLogOn", std::chrono::seconds(60), program), 0);
+    std::filesystem::remove(program);
+    const auto files = logFiles("myservice");
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(files[0], "/media/log/tolvan/myservice-" + today() + ".log");
+    EXPECT_NE(linesOf(files[0]).front().find(" myservice_logger:"), std::string::npos);
+}
+
+TEST_F(LogFilesTest, EndsPromptlyWhileThreadsOfTheHostLogOn)
+{
+    EXPECT_EQ(runHost("returnFromMainWhileThreadsLog", std::chrono::seconds(30)), 0);
 }
 
 TEST_F(LogFilesTest, WritesAllThatWasLoggedWhenTheHostJustReturnsFromMain)
@@ -394,7 +468,7 @@ TEST_F(LogFilesTest, StaysWithTheFormerFileWhenTheRenewalFails)
     putMidnight(std::chrono::seconds(8));
     EXPECT_EQ(runHost("failAtMidnight"), 0);
     EXPECT_EQ(logFiles("loghost").size(), 1u);
-    EXPECT_EQ(hostTexts().back(), "Log destroyed");
+    EXPECT_EQ(hostTexts().back().find(" Scheduling rotation at"), 0u);
 }
 
 TEST_F(LogFilesTest, EndsTheDailyThreadForGoodWhenItsWaitIsCutShort)

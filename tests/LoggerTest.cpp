@@ -88,6 +88,7 @@ TEST(LogTextTest, IsWhatPocoFormatPrintsForAnyDirectiveAndAnyArgument)
         const auto size = static_cast<std::size_t>(number);
         expectSameAsPoco(format, text);
         expectSameAsPoco(format, number, text);
+        expectSameAsPoco(format, Poco::Any(text), number, Poco::Any(size));
         expectSameAsPoco(format, size, static_cast<long>(number), static_cast<unsigned>(number));
         expectSameAsPoco(format, text, number, size, text, 2.5, 'c', true);
         expectSameAsPoco(format, "a literal", static_cast<long long>(number), text.c_str(), number);

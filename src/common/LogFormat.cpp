@@ -21,7 +21,7 @@ void appendNumber(std::string& result, const FormatArgument& argument)
 
 void appendArgument(std::string& result, const FormatArgument& argument, Kind wanted)
 {
-    if (argument.kind != wanted || wanted == Kind::Other) {
+    if (argument.kind != wanted) {
         result += "[ERRFMT]";
         return;
     }

@@ -76,19 +76,19 @@ void LogSplitter::log(Poco::Message&& message)
     NonBlockingLoggerChannel::logBoth(*branches->file, *branches->console, std::move(message));
 }
 
-bool LogSplitter::flush(std::chrono::milliseconds patience)
+void LogSplitter::flush(std::chrono::milliseconds patience)
 {
     Branch file;
     Branch console;
     {
         const ReaderGate::Section section(gate);
         const Branches* const branches = current.load();
-        if (branches == nullptr) return true;
+        if (branches == nullptr) return;
         file = branches->file;
         console = branches->console;
     }
     file->waitWritten(patience);
-    return console->waitWritten(patience);
+    console->waitWritten(patience, 3 * patience);
 }
 
 void LogSplitter::abandon()

@@ -81,10 +81,9 @@ public:
     void log(const Poco::Message& message) override;
     void log(Poco::Message&& message);
 
-    /// Waits until both branches are written out. A branch that gets nothing written for `patience` is given
-    /// up.
-    /// @return false if the console's was given up.
-    bool flush(std::chrono::milliseconds patience);
+    /// Waits until both branches have written what was logged before the call. A branch that gets nothing
+    /// written for `patience` is given up, and the console after three times as long in any case.
+    void flush(std::chrono::milliseconds patience);
 
     /// In the child of a fork, where the workers don't exist: lets go of the branches without destroying
     /// them.
@@ -94,6 +93,8 @@ protected:
     ~LogSplitter() override;
 
 private:
+    friend struct LoggerTestAccess;
+
     struct Branches
     {
         Branch console;

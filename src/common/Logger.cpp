@@ -1,13 +1,14 @@
 #include "Logger.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <new>
+#include <sstream>
 #include <system_error>
 #include <vector>
 
@@ -19,7 +20,6 @@
 #include <Poco/LocalDateTime.h>
 #include <Poco/Path.h>
 #include <Poco/String.h>
-#include <Poco/Thread.h>
 
 #include "ExecutablePath.h"
 #include "LogFormatter.h"
@@ -69,12 +69,18 @@ void NonBlockingLoggerChannel::log(Poco::Message&& msg)
 void NonBlockingLoggerChannel::logBoth(NonBlockingLoggerChannel& file, NonBlockingLoggerChannel& console,
                                        Poco::Message&& msg)
 {
-    const bool wake_console = console.push(static_cast<const Poco::Message&>(msg));
-    if (file.push(std::move(msg), wake_console ? &console : nullptr)) {
-        file.queue_cv_.notify_one();
-    } else if (wake_console) {
-        console.queue_cv_.notify_one();
+    const bool wake_file = file.push(static_cast<const Poco::Message&>(msg), &console);
+    bool wake_console = false;
+    try {
+        wake_console = console.push(std::move(msg));
+    } catch (...) {
+        if (wake_file) file.queue_cv_.notify_one();
+        throw;
     }
+    if (wake_file) file.queue_cv_.notify_one();
+    // If the file's worker is to wake the console's and has not begun to, it will. If it woke of its own
+    // accord, it may have done so before there was anything in the queue.
+    if (wake_console && (!wake_file || file.wake_next_ == nullptr)) console.queue_cv_.notify_one();
 }
 
 template <typename AnyMessage>
@@ -86,6 +92,7 @@ bool NonBlockingLoggerChannel::push(AnyMessage&& msg, NonBlockingLoggerChannel* 
         return false;
     }
     queue_.push_back(std::forward<AnyMessage>(msg));
+    ++accepted_;
     if (sleeping_) wake_next_ = follower;
     return std::exchange(sleeping_, false);
 }
@@ -93,20 +100,19 @@ bool NonBlockingLoggerChannel::push(AnyMessage&& msg, NonBlockingLoggerChannel* 
 bool NonBlockingLoggerChannel::takeBatch(std::vector<Poco::Message>& batch)
 {
     std::unique_lock<std::mutex> lock(queue_mutex_);
-    batch_in_hand_ = false;
     while (queue_.empty() && running_) {
         sleeping_ = true;
         queue_cv_.wait(lock);
     }
     sleeping_ = false;
-    if (!running_) return false;
-    for (; batch.size() < kBatch && !queue_.empty(); queue_.pop_front())
+    const bool stops = !running_;
+    for (; !stops && batch.size() < kBatch && !queue_.empty(); queue_.pop_front())
         batch.push_back(std::move(queue_.front()));
-    batch_in_hand_ = true;
-    NonBlockingLoggerChannel* const follower = std::exchange(wake_next_, nullptr);
     lock.unlock();
-    if (follower != nullptr) follower->queue_cv_.notify_one();  // ahead of any writing, which may stall
-    return true;
+    // Ahead of any writing, which may stall.
+    NonBlockingLoggerChannel* const follower = wake_next_.exchange(nullptr);
+    if (follower != nullptr) follower->queue_cv_.notify_one();
+    return !stops;
 }
 
 void NonBlockingLoggerChannel::workerThread()
@@ -115,22 +121,22 @@ void NonBlockingLoggerChannel::workerThread()
     batch.reserve(kBatch);
     while (running_) {
         if (!takeBatch(batch)) break;
+        const std::uint64_t end = handed_ + batch.size();
         try {
             for (const Poco::Message& message : batch) {
-                ++handed_;
                 if (channel_) channel_->log(message);
+                ++handed_;
             }
         } catch (...) {
             // Settled: the messages behind the failing one are lost with it, uncounted and unreported: a disk
             // that is full or gone costs one failure a batch, not one a line.
         }
+        handed_ = end;
         batch.clear();
     }
     // Settled: handed on under the lock, each on its own, so that here a failure costs only the one message.
     const std::lock_guard<std::mutex> lock(queue_mutex_);
-    batch_in_hand_ = false;
-    for (; !queue_.empty(); queue_.pop_front()) {
-        ++handed_;
+    for (; !queue_.empty(); queue_.pop_front(), ++handed_) {
         try {
             if (channel_) channel_->log(queue_.front());
         } catch (...) {  // NOLINT(bugprone-empty-catch)
@@ -138,23 +144,27 @@ void NonBlockingLoggerChannel::workerThread()
     }
 }
 
-bool NonBlockingLoggerChannel::waitWritten(std::chrono::milliseconds patience)
+bool NonBlockingLoggerChannel::waitWritten(std::chrono::milliseconds patience,
+                                           std::chrono::milliseconds limit)
 {
     using Clock = std::chrono::steady_clock;
+    std::uint64_t target = 0;
+    {
+        const std::lock_guard<std::mutex> lock(queue_mutex_);
+        target = accepted_;
+    }
+    const auto start = Clock::now();
     std::uint64_t seen = handed_;
-    for (auto give_up = Clock::now() + patience;;) {
-        {
-            const std::lock_guard<std::mutex> lock(queue_mutex_);
-            if (queue_.empty() && !batch_in_hand_) return true;
-        }
+    for (auto progress = start; handed_ < target;) {
+        const auto now = Clock::now();
         if (handed_ != seen) {
             seen = handed_;
-            give_up = Clock::now() + patience;
-        } else if (Clock::now() >= give_up) {
-            return false;
+            progress = now;
         }
+        if (now - progress >= patience || now - start >= limit) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));  // only while the process ends
     }
+    return true;
 }
 
 // Declared in this order so that the mutex exists before s_logger asks for the singleton.
@@ -183,45 +193,33 @@ constexpr int kEverything = Poco::Message::PRIO_TRACE;
 /// the splitter's one atomic pointer. However many renewals there are, none leaves anything behind.
 struct Front
 {
-    explicit Front(const std::string& name) : prototype(name, std::string(), Poco::Message::PRIO_INFORMATION)
-    {
-        formatter->setProperty("times", "local");
-    }
+    Front() { formatter->setProperty("times", "local"); }
 
     Poco::AutoPtr<LogSplitter> splitter{new LogSplitter};
     Poco::AutoPtr<LogFormatter> formatter{new LogFormatter};
     Poco::AutoPtr<Poco::FormattingChannel> channel{new Poco::FormattingChannel(formatter, splitter)};
-    Poco::Logger::Ptr logger;  // set before the front is published
-    Poco::Message prototype;   // has the source and the process's number; changed in the child of a fork
+    std::atomic<Poco::Logger*> logger{nullptr};  // replaced only if the host has removed it
+    const Poco::Message prototype;  // copied for each line: making one asks for the process's number
 };
 
-Front* s_made_front = nullptr;         // from the first initLogger() on; guarded by logger_mutex
-std::atomic<Front*> s_front{nullptr};  // the same, with its logger; stored once
+std::atomic<Front*> s_front{nullptr};  // stored once, with logger_mutex held
 
-/// Gives access to POCO's registry, which is open to derived classes only.
-struct Registry : Poco::Logger
-{
-    static void put(const Poco::Logger::Ptr& logger) { add(logger); }
-};
-
-/// Sees to it that `name` stands for the front's logger, with its channel and level.
+/// Sees to it that `name` stands for a logger of ours, with the front's channel and level 8.
 void registerLogger(Front& front, const std::string& name)
 {
-    const Poco::Logger::Ptr registered = Poco::Logger::has(name);
-    if (!front.logger || registered != front.logger) {
-        if (registered) Poco::Logger::destroy(name);  // a host's own
-        if (front.logger) {
-            Registry::put(front.logger);  // the host had removed it
-        } else {
-            front.logger.assign(&Poco::Logger::create(name, front.channel, kEverything), true);
-        }
-    }
     // Settled: a level that the host has lowered is back at 8 after each renewal, as in a logger made anew.
     // Stored only if the host has changed it, since POCO stores level and channel in a way that races with a
     // thread that logs.
-    if (front.logger->getLevel() != kEverything) front.logger->setLevel(kEverything);
-    if (front.logger->getChannel().get() != front.channel.get()) front.logger->setChannel(front.channel);
-    s_front.store(&front, std::memory_order_release);
+    if (Poco::Logger* const ours = front.logger) {
+        if (ours->getLevel() != kEverything) ours->setLevel(kEverything);
+        if (ours->getChannel().get() != front.channel.get()) ours->setChannel(front.channel);
+    }
+    const Poco::Logger::Ptr registered = Poco::Logger::has(name);
+    if (registered && registered.get() == front.logger) return;
+    if (registered) Poco::Logger::destroy(name);  // a host's own
+    Poco::Logger& made = Poco::Logger::create(name, front.channel, kEverything);
+    made.duplicate();  // for good: threads keep the address
+    front.logger = &made;
 }
 
 NonBlockingLoggerChannel* fileBranch(const std::string& path)
@@ -235,10 +233,68 @@ NonBlockingLoggerChannel* fileBranch(const std::string& path)
     return new NonBlockingLoggerChannel(file, kMaxQueue);
 }
 
+struct ConsoleText
+{
+    std::ostringstream text;
+};
+
+/// Standard error in colour, each line in one piece, and nothing of it by way of the C++ or C streams: these
+/// belong to the host, and are flushed when the process ends, which a stalled console must not hold up.
+class Console final : private ConsoleText, public Poco::ColorConsoleChannel
+{
+public:
+    Console() : Poco::ColorConsoleChannel(text) {}
+
+    void log(const Poco::Message& message) override
+    {
+        std::string line;
+        {
+            const std::lock_guard<std::mutex> lock(s_colour_mutex);
+            Poco::ColorConsoleChannel::log(message);
+            line = text.str();
+            text.str(std::string());
+        }
+        const std::lock_guard<std::mutex> lock(s_write_mutex);
+        write(line.data(), line.size());
+    }
+
+    static void beforeFork() { s_colour_mutex.lock(); }
+    static void afterForkInParent() { s_colour_mutex.unlock(); }
+    static void afterForkInChild()
+    {
+        new (&s_colour_mutex) std::mutex;
+        new (&s_write_mutex) std::mutex;
+    }
+
+private:
+    static void write(const char* from, std::size_t length)
+    {
+        while (length > 0) {
+            const ssize_t written = ::write(STDERR_FILENO, from, length);
+            if (written >= 0) {
+                from += written;
+                length -= static_cast<std::size_t>(written);
+            } else if (errno == EAGAIN) {
+                pollfd console{STDERR_FILENO, POLLOUT, 0};  // the host has made it non-blocking
+                poll(&console, 1, -1);
+            } else if (errno != EINTR) {
+                return;  // closed: the line is lost, and the next one is tried again
+            }
+        }
+    }
+
+    // Held while POCO's one mutex of all its colour consoles is taken here, and during a fork: the child
+    // could never take it otherwise. Never held during a write, so that a stalled console holds up no fork.
+    static std::mutex s_colour_mutex;
+    static std::mutex s_write_mutex;  // keeps lines whole while two consoles write, at midnight
+};
+std::mutex Console::s_colour_mutex;
+std::mutex Console::s_write_mutex;
+
 NonBlockingLoggerChannel* consoleBranch()
 {
     constexpr std::size_t kMaxQueue = 1000;
-    Poco::AutoPtr<Poco::ColorConsoleChannel> console(new Poco::ColorConsoleChannel);
+    Poco::AutoPtr<Poco::ColorConsoleChannel> console(new Console);
     console->setProperty("enableColors", "true");
     console->setProperty("informationColor", "cyan");
     console->setProperty("noticeColor", "cyan");
@@ -274,6 +330,7 @@ void LoggerImpl::destroyInstance() noexcept
 
 std::string LoggerImpl::name() const
 {
+    // Settled: waits for a renewal under way, and so until the lines of the former queues are written.
     const std::lock_guard<std::mutex> lock(logger_mutex);
     return logger_name;
 }
@@ -300,14 +357,16 @@ void LoggerImpl::initLogger()
         initLogFile();
         const LogSplitter::Branch file(fileBranch(log_file_path));
         const LogSplitter::Branch console(consoleBranch());
-        if (s_made_front == nullptr) {
-            // Only now that nothing else is left to fail before the name is taken.
-            static const int s_at_fork = pthread_atfork(nullptr, nullptr, &LoggerImpl::afterForkInChild);
+        if (s_front == nullptr) {
+            static const int s_at_fork = pthread_atfork(&Console::beforeFork, &Console::afterForkInParent,
+                                                        &LoggerImpl::afterForkInChild);
             if (s_at_fork != 0) throw std::system_error(s_at_fork, std::generic_category(), "pthread_atfork");
-            s_made_front = new Front(logger_name);
+            s_front = new Front;
         }
-        s_made_front->splitter->renew(file, console);
-        registerLogger(*s_made_front, logger_name);
+        // In this order: if POCO refuses the name, the former branches stay.
+        Front& front = *s_front.load();
+        registerLogger(front, logger_name);
+        front.splitter->renew(file, console);
     } catch (...) {
         logger_name.swap(former_name);
         log_file_path.swap(former_path);
@@ -349,6 +408,8 @@ void LoggerImpl::runDailyRotation(std::function<void()> on_first_wait)
             if (!waitAndRotate(announce)) break;
             continue;
         } catch (const std::exception& e) {
+            // Settled: a renewal that failed waits for the next midnight, and the former file stays in use.
+            // An exception of any other type ends the process, since it can only be a fault in the program.
             KRO_LOG_ERROR(std::string("Rotation thread error: ") + e.what());
         }
         {
@@ -387,6 +448,8 @@ bool LoggerImpl::waitAndRotate(const std::function<void()>& announce)
     if (Clock::now() < Clock::from_time_t(midnight)) return false;
     if (!rotation_running) return false;
     KRO_LOG_INFORMATION("Rotating log file (daily)!");
+    // Settled: the mutex is held for these 200 ms and for the renewal. The pause keeps the new file's date
+    // clear of the turn of the day.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     initLogger();
     return true;
@@ -418,23 +481,15 @@ void LoggerImpl::endAtExit()
         }
         if (s_pInstance->rotation_ended) s_pInstance->rotation_thread.join();
     }
-    Front* const front = s_front.load(std::memory_order_acquire);
-    if (front == nullptr || front->splitter->flush(kPatience)) return;
-    // A worker hangs in a write to standard error. The C++ library would flush these next, and wait for it.
-    std::cerr.rdbuf(nullptr);
-    std::clog.rdbuf(nullptr);
-    std::wcerr.rdbuf(nullptr);
-    std::wclog.rdbuf(nullptr);
+    if (Front* const front = s_front.load(std::memory_order_acquire)) front->splitter->flush(kPatience);
 }
 
 /// A fork leaves the child one thread, and locks and condition variables as the others held them. They can't
 /// be destroyed (that waits for threads which don't exist), so new ones are made over them.
 void LoggerImpl::afterForkInChild()
 {
-    if (Front* const front = s_front.load(std::memory_order_acquire)) {
-        front->splitter->abandon();
-        front->prototype.setPid(getpid());
-    }
+    Console::afterForkInChild();
+    if (Front* const front = s_front.load(std::memory_order_acquire)) front->splitter->abandon();
     if (s_pInstance == nullptr) return;
     new (&s_pInstance->logger_mutex) std::mutex;
     new (&s_pInstance->rotation_mutex) std::mutex;
@@ -480,6 +535,8 @@ bool canLog(unsigned int bits)
 
 Poco::Logger& cachedLogger()
 {
+    // Settled: never looked up again, so that a log site costs no lock: a thread that logs before
+    // loadLogging() keeps the logger of the empty name for its life.
     thread_local Poco::Logger* cached = nullptr;
     if (cached == nullptr) cached = &Poco::Logger::get(logName());
     return *cached;
@@ -489,25 +546,17 @@ void detail::writeLine(Poco::Logger& logger, Poco::Message::Priority priority, c
                        const char* file, int line)
 {
     Front* const front = s_front.load(std::memory_order_acquire);
-    if (front == nullptr || &logger != front->logger.get() || !front->formatter->rendersDirectly() ||
+    if (front == nullptr || &logger != front->logger || !front->formatter->rendersDirectly() ||
         logger.getChannel().get() != front->channel.get())
     {
         logger.log(Poco::Message(logger.name(), text, priority, file, line));
         return;
     }
     if (logger.getLevel() < priority) return;
-    const Poco::Timestamp now;
     std::string rendered;
-    front->formatter->render(rendered, now, logger.name(), file, line, priority, text);
+    front->formatter->render(rendered, Poco::Timestamp(), logger.name(), file, line, priority, text);
     Poco::Message message(front->prototype, rendered);
-    message.setPriority(priority);
-    message.setTime(now);
-    message.setSourceFile(file);
-    message.setSourceLine(line);
-    if (const Poco::Thread* const thread = Poco::Thread::current()) {
-        message.setTid(thread->id());
-        message.setThread(thread->name());
-    }
+    message.setPriority(priority);  // decides the colour; the rest is in the text
     front->splitter->log(std::move(message));
 }
 

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include <Poco/Any.h>
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
 #include <Poco/Format.h>
@@ -37,13 +38,16 @@ namespace kro
 /// the directory is made, the file comes with the first line. It is archived with a time stamp when it
 /// reaches 10 MB, and ten archives of the day are kept; files of earlier days are never removed. The console
 /// is standard error, in colour. Neither makes a caller wait: 100000 lines may wait for the file and 1000 for
-/// the console; what comes on top is left out and counted.
+/// the console; what comes on top is left out and counted. A line reaches the console in one write, past the
+/// C and C++ streams.
 ///
 /// A second call begins new queues and takes the file of today. In the child of a fork lines are discarded
 /// until the child calls loadLogging() itself. When the process ends, with or without deleteLogger(), lines
 /// that wait are still written as long as file and console take them.
-/// @throws Poco::Exception if the directory can't be made, std::system_error if a thread can't be started:
-///         nothing is registered then, and a later call may succeed. What an earlier call set up stays.
+/// @throws Poco::Exception if the directory can't be made, std::system_error if a worker can't be started:
+///         nothing is registered then, and a later call may succeed. What an earlier call set up stays. A
+///         std::system_error because the daily thread can't be started leaves the log in use, without a
+///         midnight; a later call starts the thread.
 KRO_API void loadLogging();
 
 /// Ends logging: the daily thread is joined, so a renewal that is under way is waited for. Lines that wait
@@ -96,9 +100,11 @@ public:
     /// @return how many messages were refused since construction.
     std::uint64_t droppedCount() const { return dropped_; }
 
-    /// Waits until all that was accepted has been handed on. Gives up when nothing was for `patience`.
+    /// Waits until all that was accepted before the call has been handed on. Gives up when nothing was for
+    /// `patience`, and after `limit` in all.
     /// @return false if it gave up.
-    bool waitWritten(std::chrono::milliseconds patience);
+    bool waitWritten(std::chrono::milliseconds patience,
+                     std::chrono::milliseconds limit = std::chrono::hours(1));
 
 protected:
     ~NonBlockingLoggerChannel() override;
@@ -107,12 +113,12 @@ private:
     friend class LogSplitter;
     friend struct LoggerTestAccess;
 
-    // Logs to both, and wakes one worker at most: a sleeping file worker wakes the console's before it
-    // writes.
+    // Logs to both, the file first, and wakes one worker as a rule: a sleeping file worker wakes the
+    // console's before it writes.
     static void logBoth(NonBlockingLoggerChannel& file, NonBlockingLoggerChannel& console,
                         Poco::Message&& msg);
 
-    // Takes queue_mutex_. Returns true if the worker sleeps, and the caller has to wake it. It will wake
+    // Takes queue_mutex_. Returns true if the worker sleeps, and the caller has to wake it. It will then wake
     // `follower` in its turn.
     template <typename AnyMessage>
     bool push(AnyMessage&& msg, NonBlockingLoggerChannel* follower = nullptr);
@@ -128,9 +134,11 @@ private:
     std::atomic<bool> running_{true};        // cleared under queue_mutex_, so that the worker can't miss it
     std::atomic<std::uint64_t> dropped_{0};  // a statistic that no decision hangs on: needs no lock
     bool sleeping_ = false;                  // the worker waits and nobody has woken it yet
-    NonBlockingLoggerChannel* wake_next_ = nullptr;  // whom the worker has to wake; outlives this channel
-    bool batch_in_hand_ = false;                     // the worker has messages that are no longer in queue_
-    std::atomic<std::uint64_t> handed_{0};  // messages handed on: tells waitWritten() that there is progress
+    std::uint64_t accepted_ = 0;             // messages that went into queue_
+    std::atomic<std::uint64_t> handed_{0};   // of these, handed on or lost with a batch; the worker adds
+    // Whom the worker has to wake; outlives this channel. Set under queue_mutex_ while the worker sleeps,
+    // taken back by one exchange.
+    std::atomic<NonBlockingLoggerChannel*> wake_next_{nullptr};
 };
 
 /// The state of logging, one per process, made while the library loads. Not for hosts.
@@ -196,11 +204,13 @@ inline const std::string& logText(const std::string& text)
 template <typename First, typename... Rest>
 std::string logText(const char* format, const First& first, const Rest&... rest)
 {
-    const FormatArgument arguments[] = {FormatArgument(first), FormatArgument(rest)...};
-    std::string text;
-    if (!formatCommon(text, format, arguments, 1 + sizeof...(rest)))
-        text = Poco::format(format, first, rest...);
-    return text;
+    // Poco::format prints what a Poco::Any holds, so that its type says nothing.
+    if constexpr (!(std::is_same_v<First, Poco::Any> || ... || std::is_same_v<Rest, Poco::Any>)) {
+        const FormatArgument arguments[] = {FormatArgument(first), FormatArgument(rest)...};
+        std::string text;
+        if (formatCommon(text, format, arguments, 1 + sizeof...(rest))) return text;
+    }
+    return Poco::format(format, first, rest...);
 }
 }  // namespace detail
 

@@ -72,6 +72,22 @@ void returnFromMain()
     LogWriters(8).write(500);
 }
 
+/// The same with threads that log on and on.
+void returnFromMainWhileThreadsLog()
+{
+    kro::loadLogging();
+    static std::atomic<int> s_lines{0};
+    for (int i = 0; i < 3; ++i) {
+        std::thread([] {
+            for (;;) {
+                KRO_LOG_INFORMATION("line %d", s_lines++);
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        }).detach();
+    }
+    expect(eventually([] { return s_lines > 1000; }), "the threads log");
+}
+
 /// The same after deleteLogger(), with a thread that logs on.
 void deleteAndLogOn()
 {
@@ -149,7 +165,7 @@ void logThroughMidnight()
     expect(eventually([] { return kro::test::logFiles("loghost").size() == 2; }), "midnight comes");
     writers.waitForMore(20);
     writers.stop();
-    kro::deleteLogger();
+    // No deleteLogger() here and below: straight after a renewal it may have to wait for the next one.
 }
 
 /// As above, but with the directory out of reach: the former file stays in use.
@@ -169,7 +185,6 @@ void failAtMidnight()
                       }) == 1;
            }),
            "the failed renewal is logged, and the next one planned");
-    kro::deleteLogger();
     std::filesystem::remove("/media/log");
     std::filesystem::rename("/media/kept", "/media/log");
 }
@@ -183,14 +198,29 @@ void wakeTheDailyThread()
     kro::deleteLogger();
 }
 
-/// Lines of half a megabyte, so that the file is archived a dozen times and more.
+/// Puts a hole of nearly 10 MB into the file a dozen times and more: it is archived with the next lines.
 void fillArchives()
 {
     kro::loadLogging();
-    for (int i = 0; i < 260; ++i) {
-        KRO_LOG_INFORMATION("%d %s", i, std::string(1u << 19, 'x'));
-        if (i % 20 == 0) kro::test::flushLog();  // keeps the queue, and with it the memory, small
+    for (int i = 0; i < 14; ++i) {
+        KRO_LOG_INFORMATION("file %d", i);
+        kro::test::flushLog();
+        std::filesystem::resize_file(kro::test::logFiles("loghost").back(), 10u << 20);
+        KRO_LOG_INFORMATION("the end of file %d", i);
+        kro::test::flushLog();
     }
+}
+
+/// A directory stands where the file has to go.
+void logWithoutAFile()
+{
+    kro::loadLogging();
+    kro::test::flushLog();
+    const std::string path = kro::test::logFiles("loghost").back();
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    kro::loadLogging();
+    KRO_LOG_WARNING("to the console alone");
 }
 }  // namespace
 
@@ -198,6 +228,7 @@ int main(int argc, char** argv)
 {
     const std::map<std::string, void (*)()> modes{
         {"returnFromMain", returnFromMain},
+        {"returnFromMainWhileThreadsLog", returnFromMainWhileThreadsLog},
         {"deleteAndLogOn", deleteAndLogOn},
         {"startAndStopManyTimes", startAndStopManyTimes},
         {"logBeforeLoading", logBeforeLoading},
@@ -207,6 +238,7 @@ int main(int argc, char** argv)
         {"failAtMidnight", failAtMidnight},
         {"wakeTheDailyThread", wakeTheDailyThread},
         {"fillArchives", fillArchives},
+        {"logWithoutAFile", logWithoutAFile},
     };
     expect(argc == 2 && modes.count(argv[1]) == 1, "one known mode is given");
     modes.at(argv[1])();
