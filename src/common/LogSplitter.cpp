@@ -91,6 +91,18 @@ void LogSplitter::flush(std::chrono::milliseconds patience)
     console->waitWritten(patience, 3 * patience);
 }
 
+void LogSplitter::close(std::chrono::milliseconds patience)
+{
+    Branches* const last = current.exchange(nullptr);
+    gate.wait();  // no line is on its way to them any more
+    if (last == nullptr) return;
+    last->file->waitWritten(patience);
+    last->console->waitWritten(patience, 3 * patience);
+    // Not destroyed: that would wait for a console that nobody reads.
+    last->abandoned_before = std::move(abandoned);
+    abandoned.reset(last);
+}
+
 void LogSplitter::abandon()
 {
     gate.reset();

@@ -85,6 +85,12 @@ public:
     /// written for `patience` is given up, and the console after three times as long in any case.
     void flush(std::chrono::milliseconds patience);
 
+    /// At the end of the process, as flush(), but no line comes after it: they are discarded from here on, so
+    /// that nothing reaches channels of POCO's whose statics go next.
+    void close(std::chrono::milliseconds patience);
+
+    bool isOpen() const { return current.load() != nullptr; }  ///< false where lines are discarded
+
     /// In the child of a fork, where the workers don't exist: lets go of the branches without destroying
     /// them.
     void abandon();

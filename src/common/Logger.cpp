@@ -22,6 +22,7 @@
 #include <Poco/String.h>
 
 #include "ExecutablePath.h"
+#include "LoadOrder.h"
 #include "LogFormatter.h"
 #include "LogSplitter.h"
 
@@ -175,12 +176,13 @@ namespace
 {
 LoggerImpl* const s_logger = &LoggerImpl::instance();
 
-/// Runs when the process ends, before POCO's statics go: a library's objects go before those of the libraries
-/// that it needs.
-const struct AtExit
+/// Runs when the process ends: after the library's pools, which are built later and whose tasks may log, and
+/// before POCO's statics go, since a library's objects go before those of the libraries that it needs.
+struct AtExit
 {
     ~AtExit() { LoggerImpl::endAtExit(); }
-} s_at_exit;
+};
+KRO_BUILT_FIRST const AtExit s_at_exit;
 
 constexpr int kEverything = Poco::Message::PRIO_TRACE;
 
@@ -481,7 +483,7 @@ void LoggerImpl::endAtExit()
         }
         if (s_pInstance->rotation_ended) s_pInstance->rotation_thread.join();
     }
-    if (Front* const front = s_front.load(std::memory_order_acquire)) front->splitter->flush(kPatience);
+    if (Front* const front = s_front.load(std::memory_order_acquire)) front->splitter->close(kPatience);
 }
 
 /// A fork leaves the child one thread, and locks and condition variables as the others held them. They can't
@@ -552,7 +554,7 @@ void detail::writeLine(Poco::Logger& logger, Poco::Message::Priority priority, c
         logger.log(Poco::Message(logger.name(), text, priority, file, line));
         return;
     }
-    if (logger.getLevel() < priority) return;
+    if (logger.getLevel() < priority || !front->splitter->isOpen()) return;
     std::string rendered;
     front->formatter->render(rendered, Poco::Timestamp(), logger.name(), file, line, priority, text);
     Poco::Message message(front->prototype, rendered);
