@@ -340,6 +340,17 @@ TEST_F(MqttClientTest, LeavesAReconnectionToTheOneThatOwnsIt)
     EXPECT_EQ(paho.calls.countPrefix("create"), 2u);
 }
 
+TEST_F(MqttClientTest, DropsAReconnectionWhenTheLinkIsUpAndKeepsOneAcrossADisconnect)
+{
+    connect();
+    Access::schedule(*client);
+    EXPECT_TRUE(logged(information("Already connected, skipping reconnection")));
+    paho.loseConnection("gone");
+    client->Disconnect();  // does not cancel what is scheduled
+    EXPECT_TRUE(eventually([&] { return client->IsConnected(); }));
+    EXPECT_EQ(paho.calls.count("connect"), 2u);
+}
+
 TEST_F(MqttClientTest, EndsReconnectingWhenNoHandleCanBeMade)
 {
     connect();
