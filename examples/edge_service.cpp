@@ -110,6 +110,8 @@ public:
         say("threads of the client: " + std::to_string(clientThreads()));
         while (link.use_count() > 1) std::this_thread::sleep_for(10ms);  // a connection attempt may hold it
         link.reset();                                                    // waits for handlers
+        // A joined thread is listed for a moment longer.
+        for (int i = 0; i < 100 && clientThreads() > 0; ++i) std::this_thread::sleep_for(10ms);
         say("client ended, threads of the client: " + std::to_string(clientThreads()));
     }
 

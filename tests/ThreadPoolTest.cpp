@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
 #include <atomic>
 #include <future>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -162,6 +164,21 @@ TEST_F(ThreadPoolTest, RunsAtTheLowestPriorityOrAtTheNormalOne)
                                 low);
         EXPECT_EQ(seen.get_future().get(), low ? Poco::Thread::PRIO_LOWEST : Poco::Thread::PRIO_NORMAL);
     }
+}
+
+TEST_F(ThreadPoolTest, NamesItsThreadsAndNotAfterTheirStarter)
+{
+    std::promise<std::string> seen;
+    std::thread([&] {
+        pthread_setname_np(pthread_self(), "starter");
+        startHeld();  // takes the thread that stands ready, so that the next one is started from here
+        pool->start([&] {
+            char name[16];
+            pthread_getname_np(pthread_self(), name, sizeof name);
+            seen.set_value(name);
+        });
+    }).join();
+    EXPECT_EQ(seen.get_future().get(), "kro-pool");
 }
 
 TEST(DefaultPoolTest, IsOnePoolForAllCallers)

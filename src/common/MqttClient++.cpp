@@ -13,11 +13,11 @@
 #include <Poco/Exception.h>
 #include <Poco/JSON/ParseHandler.h>
 #include <Poco/JSON/Parser.h>
-#include <pthread.h>
 
 #include "Backoff.h"
 #include "Logger.h"
 #include "MqttClientImpl.h"
+#include "ThreadName.h"
 #include "ThreadPool.h"
 #include "TopicFilter.h"
 
@@ -30,12 +30,6 @@ static std::once_flag s_once_threadpool;
 
 namespace
 {
-
-/// For `top -H` and for debuggers; at most 15 characters.
-void nameThisThread(const char* name)
-{
-    pthread_setname_np(pthread_self(), name);
-}
 
 MQTTAsync_responseOptions responseOptions(MqttClient* client)
 {
@@ -128,7 +122,7 @@ MqttClient::Impl::Impl(std::string uri, std::string id, std::string user, std::s
 void MqttClient::Impl::StartControlThread()
 {
     control_thread = std::thread([this] {
-        nameThisThread("kro-mqtt-ctl");
+        detail::nameThisThread("kro-mqtt-ctl");
         ControlLoop();
     });
 }
@@ -181,7 +175,7 @@ void MqttClient::Impl::StartMessageProcessor()
     if (processor_started || stop_reconnect) return;
     processor_started = true;
     message_processor_thread = std::thread([this] {
-        nameThisThread("kro-mqtt-proc");
+        detail::nameThisThread("kro-mqtt-proc");
         ProcessMessages();
     });
 }

@@ -9,6 +9,7 @@
 
 #include "LoadOrder.h"
 #include "Logger.h"
+#include "ThreadName.h"
 
 namespace kro
 {
@@ -19,6 +20,9 @@ ThreadPool::RunnableAdapter::RunnableAdapter(std::function<void()> callable, std
 
 void ThreadPool::RunnableAdapter::run()
 {
+    // Once a thread: else it bears the name of whoever happened to start it, a client's own thread for one.
+    thread_local const bool named = (detail::nameThisThread("kro-pool"), true);
+    static_cast<void>(named);
     // Taken now: a pool that is destroyed under its tasks drops this adapter before the task has ended.
     const std::weak_ptr<ThreadPool> starter = pool;
     if (task) {
