@@ -63,12 +63,17 @@ protected:
     {
         return eventually([&] { return log.count(line) >= times; });
     }
-    /// Waits until the handler of `filter` is in the table and the broker has been told.
+    /// Waits until the handler of `filter` is in the table, the broker has been told, and the last line is
+    /// logged.
     void subscribe(MqttClient::MessageHandler handler, const std::string& filter, int qos = 0)
     {
-        const auto before = paho.calls.countPrefix("subscribe " + filter);
+        const auto told = [&] {
+            return log.countPrefix("Success to subscribe topic " + filter + ",") +
+                   log.countPrefix("Failed to subscribe topic " + filter + ",");
+        };
+        const auto before = told();
         client->Subscribe(std::move(handler), filter, qos);
-        ASSERT_TRUE(eventually([&] { return paho.calls.countPrefix("subscribe " + filter) > before; }));
+        ASSERT_TRUE(eventually([&] { return told() > before; }));
     }
 
     FakePaho& paho = FakePaho::instance();
