@@ -5,4 +5,7 @@
 /// neither link against internals nor clash with them.
 #define KRO_API __attribute__((visibility("default")))
 
+/// Takes a member of an exported class out again.
+#define KRO_LOCAL __attribute__((visibility("hidden")))
+
 #endif

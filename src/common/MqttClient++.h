@@ -166,7 +166,7 @@ public:
     std::size_t GetDroppedMessages() const;  ///< refused at a limit so far, once for each handler refused
 
 private:
-    struct Impl;
+    struct KRO_LOCAL Impl;
     friend struct MqttClientTestAccess;
 
     static ThreadPool& pool();  // of all clients

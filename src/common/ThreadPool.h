@@ -62,7 +62,7 @@ public:
 
 private:
     /// The bridge from a callable to POCO's Runnable.
-    class RunnableAdapter : public Poco::Runnable
+    class KRO_LOCAL RunnableAdapter : public Poco::Runnable
     {
     public:
         RunnableAdapter(std::function<void()> callable, std::weak_ptr<ThreadPool> owner);
