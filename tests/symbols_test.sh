@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# symbols_test.sh LIBRARY: compares what the library exports with src/common/KroCommon.symbols.
+# symbols_test.sh LIBRARY: compares what the library exports with cmake/KroCommon.symbols.
 # symbols_test.sh --renew LIBRARY writes that list again; read the difference before you commit it.
 set -euo pipefail
-list=$(dirname "$0")/../src/common/KroCommon.symbols
+list=$(dirname "$0")/../cmake/KroCommon.symbols
 exported() { nm -DC --defined-only "$1" | cut -d' ' -f3- | sed 's/@@.*//' | LC_ALL=C sort -u; }
 if [ "$1" = --renew ]; then
     exported "$2" >"$list"

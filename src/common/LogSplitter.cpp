@@ -91,7 +91,7 @@ void LogSplitter::flush(std::chrono::milliseconds patience)
     console->waitWritten(patience, 3 * patience);
 }
 
-void LogSplitter::close(std::chrono::milliseconds patience)
+void LogSplitter::finish(std::chrono::milliseconds patience)
 {
     Branches* const last = current.exchange(nullptr);
     gate.wait();  // no line is on its way to them any more

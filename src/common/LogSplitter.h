@@ -87,7 +87,7 @@ public:
 
     /// At the end of the process, as flush(), but no line comes after it: they are discarded from here on, so
     /// that nothing reaches channels of POCO's whose statics go next.
-    void close(std::chrono::milliseconds patience);
+    void finish(std::chrono::milliseconds patience);
 
     bool isOpen() const { return current.load() != nullptr; }  ///< false where lines are discarded
 

@@ -483,7 +483,7 @@ void LoggerImpl::endAtExit()
         }
         if (s_pInstance->rotation_ended) s_pInstance->rotation_thread.join();
     }
-    if (Front* const front = s_front.load(std::memory_order_acquire)) front->splitter->close(kPatience);
+    if (Front* const front = s_front.load(std::memory_order_acquire)) front->splitter->finish(kPatience);
 }
 
 /// A fork leaves the child one thread, and locks and condition variables as the others held them. They can't
