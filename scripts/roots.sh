@@ -23,6 +23,7 @@ inside() {
         set -eu
         root=$1; shift
         mount --make-rprivate /
+        mount --bind "$root" "$root"  # a mount point, as the root of a mount namespace must be
         mount -t proc proc "$root/proc"
         mount --rbind /dev "$root/dev"
         mount --rbind /sys "$root/sys"
