@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "support/WithSafeguards.h"
 
 namespace kro
 {
@@ -191,6 +192,37 @@ TEST_F(ConfigTest, GoesOnWithAFullDiskAndWritesTheFileOnceThereIsRoom)
     fs::remove(kDirectory / "filler");
     loadConfig();
     EXPECT_EQ(fileText(), defaults);
+    EXPECT_EQ(umount(kDirectory.c_str()), 0);
+}
+
+TEST_F(ConfigTest, KeepsTheOldFileWholeOnAFullDiskWhenItIsGuarded)
+{
+    const test::WithSafeguards guarded(kWholeFiles);
+    fs::create_directories(kDirectory);
+    ASSERT_EQ(mount("tmpfs", kDirectory.c_str(), "tmpfs", 0, "size=32k"), 0);
+    const fs::path kept = kDirectory / "kept.json";
+    std::ofstream(kept) << R"({"a":1})";
+    fs::permissions(kept, fs::perms::owner_read | fs::perms::owner_write);
+    fs::create_symlink(kept, kFile);
+    loadConfig();
+    initSSLOption();
+    configInstance()->setString("long", std::string(8192, 'x'));
+    {
+        std::ofstream filler(kDirectory / "filler");
+        while (filler.write("0123456789abcdef", 16).flush()) {
+        }
+    }
+    LogCapture::instance().clear();
+    saveConfig();
+    EXPECT_EQ(fileText(), R"({"a":1})");
+    ASSERT_EQ(LogCapture::instance().lines().size(), 1u);
+    EXPECT_EQ(LogCapture::instance().lines()[0].text.rfind("save config file error: cannot ", 0), 0u);
+    fs::remove(kDirectory / "filler");
+    saveConfig();
+    EXPECT_EQ(fileText(), treeText());
+    EXPECT_TRUE(fs::is_symlink(kFile));
+    EXPECT_EQ(fs::status(kept).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(std::distance(fs::directory_iterator(kDirectory), {}), 2) << "nothing is left beside them";
     EXPECT_EQ(umount(kDirectory.c_str()), 0);
 }
 

@@ -482,6 +482,12 @@ TEST_F(LogFilesTest, EndsTheDailyThreadForGoodWhenItsWaitIsCutShort)
     EXPECT_EQ(std::count(texts.begin(), texts.end(), "startDailyRotationThread"), 1);
 }
 
+TEST_F(LogFilesTest, WaitsOnAfterAnEarlyWakeAndEndsAtOnceWhenItIsGuarded)
+{
+    putMidnight(std::chrono::seconds(6));
+    EXPECT_EQ(runHost("wakeTheSteadyThread"), 0);
+}
+
 TEST_F(LogFilesTest, ArchivesAtTenMegabytesAndKeepsTenArchives)
 {
     EXPECT_EQ(runHost("fillArchives"), 0);

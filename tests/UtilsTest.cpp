@@ -20,6 +20,7 @@
 #include "ApiCommon.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/WithSafeguards.h"
 
 namespace kro
 {
@@ -254,6 +255,36 @@ TEST(PingTest, HandsTheAddressToTheShellAsItStands)
     EXPECT_FALSE(pingIp("127.0.0.1 > /dev/null; exit 3 #"));
     EXPECT_TRUE(LogCapture::instance().has(
         test::information("pingIp ip: 127.0.0.1 > /dev/null; exit 3 #, ret = 768")));
+}
+
+TEST(NoShellTest, HandsOverAnAddressOrAHostNameAndNothingElse)
+{
+    const test::WithSafeguards guarded(kNoShell);
+    LogCapture::instance().clear();
+    EXPECT_TRUE(pingIp("127.0.0.1"));
+    EXPECT_TRUE(pingIp("localhost"));
+    EXPECT_FALSE(pingIp("no-such-host.invalid"));
+    LogCapture::instance().clear();
+    for (const char* const refused : {"", "-f", "127.0.0.1; true", "a b", "a..b", "a-.b", "a.", "$(id)"}) {
+        EXPECT_FALSE(pingIp(refused));
+        EXPECT_TRUE(LogCapture::instance().has(
+            test::error(std::string("ping failed: neither an address nor a host name, ip: ") + refused)));
+    }
+    EXPECT_EQ(safeguards(), unsigned{kNoShell});
+}
+
+TEST(NoShellTest, KillsAProcessAndNeverAGroup)
+{
+    const test::WithSafeguards guarded(kNoShell);
+    Child child(uniqueName(11));
+    LogCapture::instance().clear();
+    cleanProcessById(0);
+    cleanProcessById(static_cast<unsigned>(-1));
+    EXPECT_TRUE(LogCapture::instance().has(test::error("no process to kill has the id 0")));
+    EXPECT_TRUE(LogCapture::instance().has(test::error("no process to kill has the id 4294967295")));
+    cleanProcessById(static_cast<unsigned>(child.pid));
+    EXPECT_TRUE(test::eventually([&] { return child.killed(); }));
+    EXPECT_EQ(LogCapture::instance().countPrefix("system command"), 0u);
 }
 
 class ListingTest : public testing::Test

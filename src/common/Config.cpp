@@ -1,7 +1,16 @@
 #include "Config.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
 #include <exception>
 #include <ios>
+#include <memory>
+#include <sstream>
+#include <system_error>
 
 #include <Poco/File.h>
 #include <Poco/FileStream.h>
@@ -10,6 +19,7 @@
 #include "ExecutablePath.h"
 #include "LoadOrder.h"
 #include "Logger.h"
+#include "Safeguards.h"
 #include "WebHookBasic.h"
 
 namespace kro
@@ -142,9 +152,65 @@ void loadConfig()
     }
 }
 
+namespace
+{
+void require(bool done, const std::string& what)
+{
+    if (!done) throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// Puts a new file in the place of `path`, so that a crash or a full disk at any moment leaves the old one or
+/// the new one. Mode and, where we may, owner stay as they are; a link stays a link.
+void replaceFile(std::string path, const std::string& text)
+{
+    const std::unique_ptr<char, void (*)(void*)> target(realpath(path.c_str(), nullptr), std::free);
+    if (target) path = target.get();
+    std::string beside = path + ".XXXXXX";
+    const int file = mkstemp(beside.data());
+    require(file >= 0, "cannot create a file beside " + path);
+    try {
+        struct stat former = {};
+        if (stat(path.c_str(), &former) == 0) {
+            if (fchown(file, former.st_uid, former.st_gid) != 0) errno = 0;  // not ours to give away
+            require(fchmod(file, former.st_mode & 07777) == 0, "cannot set the mode of " + beside);
+        } else {
+            require(fchmod(file, 0644) == 0, "cannot set the mode of " + beside);
+        }
+        for (std::size_t done = 0; done < text.size();) {
+            const ssize_t written = write(file, text.data() + done, text.size() - done);
+            if (written < 0 && errno == EINTR) continue;
+            require(written > 0, "cannot write " + beside);
+            done += static_cast<std::size_t>(written);
+        }
+        require(fsync(file) == 0, "cannot sync " + beside);
+        require(rename(beside.c_str(), path.c_str()) == 0, "cannot rename " + beside);
+    } catch (...) {
+        close(file);
+        unlink(beside.c_str());
+        throw;
+    }
+    close(file);
+    // The name is safe when the directory is; a file system that can't sync one keeps its own promise.
+    const int directory =
+        open(Poco::Path(path).parent().toString().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) return;
+    fsync(directory);
+    close(directory);
+}
+}  // namespace
+
 void saveConfig()
 {
     try {
+        if (safeguarded(kWholeFiles)) {
+            // Safeguard: the old file or the new one, never a part. It costs a sync of the disk.
+            std::ostringstream text;
+            configInstance()->save(text, 2);
+            replaceFile(s_config_path, text.str());
+            KRO_LOG_INFORMATION("save config path: %s", s_config_path);
+            return;
+        }
+        // Settled: the file is cut to nothing first, and whatever ends the writing leaves a part of it.
         Poco::FileOutputStream stream(s_config_path, std::ios::out | std::ios::trunc);
         // Settled: the write is tried all the same.
         if (!stream.good()) KRO_LOG_INFORMATION("create config file failed! config path: %s", s_config_path);

@@ -25,6 +25,7 @@
 #include "LoadOrder.h"
 #include "LogFormatter.h"
 #include "LogSplitter.h"
+#include "Safeguards.h"
 
 namespace kro
 {
@@ -315,7 +316,16 @@ void LoggerImpl::destroyInstance() noexcept
 {
     if (s_pInstance == nullptr) return;
     KRO_LOG_INFORMATION("Log destroying");
-    if (s_pInstance->rotation_thread.joinable()) {
+    if (s_pInstance->rotation_thread.joinable() && safeguarded(kSteadyMidnight)) {
+        // Safeguard: told under the mutex of the wait, the thread can't miss it; a renewal under way is
+        // waited for.
+        {
+            const std::lock_guard<std::mutex> lock(s_pInstance->rotation_mutex);
+            s_pInstance->rotation_running = false;
+        }
+        s_pInstance->rotation_cv.notify_all();
+        s_pInstance->rotation_thread.join();
+    } else if (s_pInstance->rotation_thread.joinable()) {
         // Settled: the mutex of the wait is not taken. A thread that has tested rotation_running and not
         // begun its wait misses the notification, and the join lasts until midnight.
         // startDailyRotationThread() has closed that gap for the first wait; it opens again for the moment
@@ -399,6 +409,44 @@ void LoggerImpl::startDailyRotationThread()
     first_wait.wait(lock, [&] { return is_waiting; });
 }
 
+void LoggerImpl::restAfterFailure(const std::function<void()>& announce)
+{
+    constexpr std::chrono::seconds kRest(2);
+    std::unique_lock<std::mutex> lock(rotation_mutex);
+    announce();
+    if (safeguarded(kSteadyMidnight)) {
+        // Safeguard: deleteLogger() cuts the rest short.
+        rotation_cv.wait_for(lock, kRest, [this] { return !rotation_running; });
+        return;
+    }
+    lock.unlock();
+    std::this_thread::sleep_for(kRest);
+}
+
+bool LoggerImpl::waitForMidnight(std::unique_lock<std::mutex>& lock,
+                                 std::chrono::system_clock::time_point midnight)
+{
+    using Clock = std::chrono::system_clock;
+    constexpr std::chrono::milliseconds kClearOfMidnight(
+        200);  // of the turn of the day, for the new file's date
+    if (safeguarded(kSteadyMidnight)) {
+        // Safeguard: an early wake waits on, and deleteLogger() ends either wait at once.
+        while (rotation_running && Clock::now() < midnight) rotation_cv.wait_until(lock, midnight);
+        if (!rotation_running) return false;
+        KRO_LOG_INFORMATION("Rotating log file (daily)!");
+        return !rotation_cv.wait_for(lock, kClearOfMidnight, [this] { return !rotation_running; });
+    }
+    rotation_cv.wait_until(lock, midnight);
+    // Settled: one wait and no second try. Whatever ends it early ends the thread, and the process stays with
+    // its present file.
+    if (Clock::now() < midnight) return false;
+    if (!rotation_running) return false;
+    KRO_LOG_INFORMATION("Rotating log file (daily)!");
+    // Settled: the mutex is held for this pause, and for the renewal behind it.
+    std::this_thread::sleep_for(kClearOfMidnight);
+    return true;
+}
+
 void LoggerImpl::runDailyRotation(std::function<void()> on_first_wait)
 {
     const auto announce = [&on_first_wait] {
@@ -414,11 +462,7 @@ void LoggerImpl::runDailyRotation(std::function<void()> on_first_wait)
             // An exception of any other type ends the process, since it can only be a fault in the program.
             KRO_LOG_ERROR(std::string("Rotation thread error: ") + e.what());
         }
-        {
-            const std::lock_guard<std::mutex> lock(rotation_mutex);
-            announce();
-        }
-        std::this_thread::sleep_for(std::chrono::seconds(2));
+        restAfterFailure(announce);
     }
     rotation_ended = true;
 }
@@ -429,11 +473,7 @@ bool LoggerImpl::waitAndRotate(const std::function<void()>& announce)
     const std::time_t midnight = nextMidnight(Clock::to_time_t(Clock::now()));
     if (midnight == -1) {
         KRO_LOG_ERROR("mktime failed to compute next day");
-        {
-            const std::lock_guard<std::mutex> lock(rotation_mutex);
-            announce();
-        }
-        std::this_thread::sleep_for(std::chrono::seconds(2));
+        restAfterFailure(announce);
         return true;
     }
     std::tm local{};
@@ -444,15 +484,7 @@ bool LoggerImpl::waitAndRotate(const std::function<void()>& announce)
 
     std::unique_lock<std::mutex> lock(rotation_mutex);
     announce();
-    rotation_cv.wait_until(lock, Clock::from_time_t(midnight));
-    // Settled: one wait and no second try. Whatever ends it early ends the thread, and the process stays with
-    // its present file.
-    if (Clock::now() < Clock::from_time_t(midnight)) return false;
-    if (!rotation_running) return false;
-    KRO_LOG_INFORMATION("Rotating log file (daily)!");
-    // Settled: the mutex is held for these 200 ms and for the renewal. The pause keeps the new file's date
-    // clear of the turn of the day.
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    if (!waitForMidnight(lock, Clock::from_time_t(midnight))) return false;
     initLogger();
     return true;
 }

@@ -166,6 +166,9 @@ private:
     void startDailyRotationThread();
     void runDailyRotation(std::function<void()> on_first_wait);  // on the daily thread
     bool waitAndRotate(const std::function<void()>& announce);  // takes rotation_mutex; false ends the thread
+    void restAfterFailure(const std::function<void()>& announce);  // takes rotation_mutex
+    /// With rotation_mutex held by `lock`. @return false if the daily thread is to end.
+    bool waitForMidnight(std::unique_lock<std::mutex>& lock, std::chrono::system_clock::time_point midnight);
     static void afterForkInChild();
     static std::time_t nextMidnight(std::time_t now);
 

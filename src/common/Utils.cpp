@@ -1,23 +1,34 @@
 #include "Utils.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <sstream>
+#include <system_error>
 #include <tuple>
 
 #include <Poco/DirectoryIterator.h>
 #include <Poco/Exception.h>
 #include <Poco/JSON/Parser.h>
+#include <Poco/Net/IPAddress.h>
 #include <Poco/Process.h>
 
 #include "ExecutablePath.h"
 #include "Logger.h"
+#include "Safeguards.h"
 
 namespace kro
 {
@@ -108,9 +119,71 @@ bool findProcessByName(const std::string& name, std::vector<int>& pids)
     return !pids.empty();
 }
 
+namespace
+{
+/// The signal without a shell. No process has the number 0, which means the caller's whole group, or one
+/// above INT_MAX, which would turn negative and mean a group, too.
+void killDirectly(unsigned int pid)
+{
+    if (pid == 0 || pid > static_cast<unsigned int>(std::numeric_limits<pid_t>::max())) {
+        KRO_LOG_ERROR("no process to kill has the id %u", pid);
+        return;
+    }
+    KRO_LOG_INFORMATION("kill process: %u", pid);
+    if (::kill(static_cast<pid_t>(pid), SIGKILL) != 0)
+        KRO_LOG_INFORMATION("kill process: %u, errno = %d", pid, errno);
+}
+
+bool isAddressOrHostName(const std::string& text)
+{
+    Poco::Net::IPAddress address;
+    if (Poco::Net::IPAddress::tryParse(text, address)) return true;
+    // RFC 1123 section 2.1: letters, digits and hyphens, in parts of 1 to 63 that a dot separates; a hyphen
+    // neither begins nor ends a part.
+    if (text.empty() || text.size() > 253) return false;
+    std::istringstream parts(text);
+    std::string part;
+    while (std::getline(parts, part, '.')) {
+        const auto is_allowed = [](char c) {
+            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';
+        };
+        if (part.empty() || part.size() > 63 || part.front() == '-' || part.back() == '-' ||
+            !std::all_of(part.begin(), part.end(), is_allowed))
+            return false;
+    }
+    return text.back() != '.';
+}
+
+/// @return what waitpid() tells of ping.
+/// @throws std::system_error if it could not be started.
+int pingDirectly(const std::string& address)
+{
+    posix_spawn_file_actions_t silence;
+    posix_spawn_file_actions_init(&silence);
+    posix_spawn_file_actions_addopen(&silence, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&silence, STDOUT_FILENO, STDERR_FILENO);
+    std::string words[] = {"ping", "-c", "1", "-W", "2", address};
+    char* arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(),
+                         words[4].data(), words[5].data(), nullptr};
+    pid_t child = 0;
+    const int refused = posix_spawnp(&child, "ping", &silence, nullptr, arguments, environ);
+    posix_spawn_file_actions_destroy(&silence);
+    if (refused != 0) throw std::system_error(refused, std::generic_category(), "cannot start ping");
+    int status = -1;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+}  // namespace
+
 void cleanProcessById(const unsigned int& pid)
 {
     try {
+        if (safeguarded(kNoShell)) {
+            // Safeguard: no shell, and so no process of its own. It costs nothing.
+            killDirectly(pid);
+            return;
+        }
         const std::string command = "kill -9 " + std::to_string(pid);
         if (command.empty()) {
             // Settled: a fallback that stays, though the command never is empty.
@@ -138,6 +211,17 @@ void cleanProcessByName(const std::string& name)
 bool pingIp(const std::string& ip)
 {
     try {
+        if (safeguarded(kNoShell)) {
+            // Safeguard: no shell. Options in the address, which it would pass on, are refused.
+            if (!isAddressOrHostName(ip)) {
+                KRO_LOG_ERROR("ping failed: %s, ip: %s", std::string("neither an address nor a host name"),
+                              ip);
+                return false;
+            }
+            const int status = pingDirectly(ip);
+            KRO_LOG_INFORMATION("pingIp ip: %s, ret = %d", ip, status);
+            return status == 0;
+        }
         // Settled: ip goes to the shell unchecked and unquoted: it is the host's own, and may carry options.
         const std::string command = "ping -c 1 -W 2 " + ip + " > /dev/null 2>&1";
         // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc's is safe

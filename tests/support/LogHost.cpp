@@ -20,6 +20,7 @@
 #include <Poco/Logger.h>
 
 #include "Logger.h"
+#include "Safeguards.h"
 #include "support/Eventually.h"
 #include "support/LogFiles.h"
 
@@ -198,6 +199,21 @@ void wakeTheDailyThread()
     kro::deleteLogger();
 }
 
+/// The guarded way: woken early the thread waits on, renews at midnight, and deleteLogger() straight behind the
+/// renewal returns.
+void wakeTheSteadyThread()
+{
+    kro::setSafeguards(kro::kSteadyMidnight);
+    kro::loadLogging();
+    for (int i = 0; i < 100; ++i) kro::LoggerTestAccess::wakeDailyThread();
+    expect(eventually([] {
+               const auto lines = kro::test::linesOf(kro::test::logFiles("loghost").at(0));
+               return !lines.empty() && lines.back().find(":Rotating log file (daily)!") != std::string::npos;
+           }),
+           "midnight is met");
+    kro::deleteLogger();
+}
+
 /// Puts a hole of nearly 10 MB into the file a dozen times and more: it is archived with the next lines.
 void fillArchives()
 {
@@ -237,6 +253,7 @@ int main(int argc, char** argv)
         {"logThroughMidnight", logThroughMidnight},
         {"failAtMidnight", failAtMidnight},
         {"wakeTheDailyThread", wakeTheDailyThread},
+        {"wakeTheSteadyThread", wakeTheSteadyThread},
         {"fillArchives", fillArchives},
         {"logWithoutAFile", logWithoutAFile},
     };
