@@ -84,6 +84,32 @@ detail::HandlerPlaces& placesOfAllClients()
     return *places;
 }
 
+// Makes and destroys the handles of the process one at a time: the end of the last one shuts Paho down, with Paho's
+// mutex open in between, and a handle that is made at that moment goes down with it. Taken under client_mutex, never
+// on a thread of Paho's.
+std::mutex s_handles_mutex;
+MQTTAsync s_spare_handle = nullptr;  // guarded by it
+
+int makeHandle(MQTTAsync* handle, const char* uri, const char* client_id)
+{
+    const std::lock_guard<std::mutex> lock(s_handles_mutex);
+    return MQTTAsync_create(handle, uri, client_id, MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+}
+
+/// @param for_good  no other handle takes its place.
+void destroyHandle(MQTTAsync handle, bool for_good)
+{
+    const std::lock_guard<std::mutex> lock(s_handles_mutex);
+    // The last handle waits for Paho's threads to end, for up to a second. At the end of a client a spare one, never
+    // connected, spares it that. Before a reconnection the wait is shorter than what it saves: a thread of Paho's
+    // that was idle before looks at a new connection up to a second late, a new one at once.
+    if (safeguarded(kPromptTeardown) && for_good && s_spare_handle == nullptr)
+        MQTTAsync_create(&s_spare_handle, "tcp://127.0.0.1:1883", "spare", MQTTCLIENT_PERSISTENCE_NONE,
+                         nullptr);
+    if (!for_good && s_spare_handle != nullptr) MQTTAsync_destroy(&s_spare_handle);
+    MQTTAsync_destroy(&handle);
+}
+
 // How many handlers of one client are at work at one time, where the clients do not share their places.
 constexpr int MAX_IN_FLIGHT_HANDLERS = 64;
 
@@ -354,8 +380,7 @@ void MqttClient::Create_l()
         return;
     }
     MQTTAsync handle = nullptr;
-    const int created = MQTTAsync_create(&handle, impl->server_uri.c_str(), impl->client_id.c_str(),
-                                         MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+    const int created = makeHandle(&handle, impl->server_uri.c_str(), impl->client_id.c_str());
     if (created != MQTTASYNC_SUCCESS) {
         KRO_LOG_ERROR("Failed to create async mqtt client, return code %d", created);
         impl->connection_state = Disconnected;
@@ -366,7 +391,7 @@ void MqttClient::Create_l()
     const int set = MQTTAsync_setCallbacks(handle, this, OnConnectionLost, OnMessageArrived, nullptr);
     if (set != MQTTASYNC_SUCCESS) {
         KRO_LOG_ERROR("Failed to set callbacks, return code %d", set);
-        MQTTAsync_destroy(&handle);
+        destroyHandle(handle, false);
         impl->async_client = nullptr;
         impl->connection_state = Disconnected;
         return;
@@ -1140,7 +1165,7 @@ void MqttClient::Impl::ClearQueue()
 void MqttClient::Impl::Cleanup()
 {
     const std::lock_guard<std::mutex> lock(client_mutex);
-    MQTTAsync handle = async_client;
+    const MQTTAsync handle = async_client;
     if (handle == nullptr) return;
     MQTTAsync_setCallbacks(handle, nullptr, nullptr, nullptr, nullptr);
     std::promise<void> ended;  // until the handle is gone, and with it the callbacks that point here
@@ -1148,7 +1173,7 @@ void MqttClient::Impl::Cleanup()
     async_client = nullptr;  // first: a publish looks without the mutex, and must not see what is gone
     // With kSafeLifetime: those that have seen it end their send, for which they need nothing of ours.
     while (publishing > 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
-    MQTTAsync_destroy(&handle);
+    destroyHandle(handle, stop_reconnect);
     KRO_LOG_INFORMATION("destroy mqtt client");
     resubscribed.clear();
     // Settled: a second for Paho's threads to let go of the handle, with client_mutex held. Not needed: Paho
