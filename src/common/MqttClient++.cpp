@@ -630,8 +630,8 @@ void MqttClient::OnResubscribeFailure(void* context, MQTTAsync_failureData* resp
 void MqttClient::Subscribe(MessageHandler handler, std::string topic, int qos)
 {
     std::weak_ptr<MqttClient> weak;
-    const bool safe = safeguarded(kSafeLifetime);
-    if (safe) weak = weak_from_this();
+    if (safeguarded(kSafeLifetime)) weak = weak_from_this();
+    const bool safe = !weak.expired();  // not so where no std::shared_ptr owns the client
     // Settled: the task holds a plain pointer. Hosts keep the client until their Subscribe calls have run.
     const std::function<void()> task = [this, safe, weak = std::move(weak), handler = std::move(handler),
                                         topic = std::move(topic), qos] {
@@ -1030,17 +1030,19 @@ void MqttClient::Impl::HandOverFront(std::unique_lock<std::mutex>& queue_lock, H
 void MqttClient::Impl::ProcessInPlaces()
 {
     // Short beside the time that a slow handler takes, long beside a thread's wake.
-    constexpr std::chrono::microseconds kLook(500);
+    constexpr std::chrono::microseconds kShortestLook(500), kLongestLook(8000);
     std::unique_lock<std::mutex> lock(queue_mutex);
     while (processor_started) {
         processor_waits = true;
         queue_cv.wait(lock, [this] { return !processor_started || message_queue.size() > workers_to_come; });
         processor_waits = false;
+        auto look = kShortestLook;
         while (processor_started && message_queue.size() > workers_to_come) {
-            if (workers == 0 || !drains_in_place || FallBehind_l()) StartWorker(lock);
+            const bool started = (workers == 0 || !drains_in_place || FallBehind_l()) && StartWorker(lock);
+            look = started ? kShortestLook : std::min(2 * look, kLongestLook);
             taken = 0;
             if (drains_in_place)
-                queue_cv.wait_for(lock, kLook, [this] { return !processor_started || workers == 0; });
+                queue_cv.wait_for(lock, look, [this] { return !processor_started || workers == 0; });
         }
     }
     queue_cv.wait(lock, [this] { return workers == 0; });  // for as long as a handler runs
@@ -1054,7 +1056,7 @@ bool MqttClient::Impl::FallBehind_l() const
     return taken < message_queue.size() && (message_queue.size() > workers || taken == 0);
 }
 
-void MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
+bool MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
 {
     constexpr std::chrono::milliseconds kRetry(10);
     // Without a worker, or with one for each entry, there is nothing to do but to wait for a place.
@@ -1062,7 +1064,7 @@ void MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
     queue_lock.unlock();
     const bool placed = wait ? places->take(processor_started) : places->tryTake();
     queue_lock.lock();
-    if (!placed) return;
+    if (!placed) return false;
     ++workers;
     ++workers_to_come;
     queue_lock.unlock();
@@ -1076,10 +1078,11 @@ void MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
         places->giveBack();
     }
     queue_lock.lock();
-    if (started) return;
+    if (started) return true;
     --workers;
     --workers_to_come;
     queue_cv.wait_for(queue_lock, kRetry, [this] { return !processor_started; });
+    return false;
 }
 
 void MqttClient::Impl::Work()
