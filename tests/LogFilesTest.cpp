@@ -1,12 +1,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -17,7 +13,7 @@
 
 #include "LogSplitter.h"
 #include "Safeguards.h"
-#include "support/Eventually.h"
+#include "support/InChild.h"
 
 namespace kro
 {
@@ -37,6 +33,7 @@ namespace
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using test::eventually;
+using test::inChild;
 using Access = LoggerTestAccess;
 using Lines = std::vector<std::string>;
 
@@ -162,23 +159,6 @@ protected:
         tzset();
     }
 
-    /// Runs `host` in the child of a fork, which ends as by a return from main() and shares our expectations.
-    static void inHost(const std::function<void()>& host, const char* console = "/dev/null")
-    {
-        std::fflush(stdout);
-        const pid_t child = fork();
-        if (child == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (std::freopen(console, "a", stderr) == nullptr) _exit(2);
-            host();
-            std::exit(HasFailure() ? 1 : 0);
-        }
-        int status = -1;
-        const bool has_ended = eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, 100s);
-        if (!has_ended) kill(child, SIGKILL), waitpid(child, nullptr, 0);
-        EXPECT_TRUE(has_ended && status == 0) << status;
-    }
-
     // Enough for loadLogging() to return before midnight, also on a busy machine and under a sanitizer.
     static constexpr auto kUntilMidnight = 6s;
 };
@@ -194,7 +174,7 @@ TEST_F(LogFilesTest, LogsItsStepsInColourAndLetsThreadsLogOnAfterDeleteLogger)
             KRO_LOG_INFORMATION("after");
         }).join();
     };
-    inHost(host, "/media/console");
+    inChild(host, "/media/console");
     const Lines files = logFiles();
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(files[0], kDirectory + "/logfilestest-" + dateIn(files[0]) + ".log");
@@ -219,7 +199,7 @@ TEST_F(LogFilesTest, LogsItsStepsInColourAndLetsThreadsLogOnAfterDeleteLogger)
 
 TEST_F(LogFilesTest, TakesItsLoggerBackFromAHostThatTamperedWithIt)
 {
-    inHost([] {
+    inChild([] {
         loadLogging();
         Poco::Logger& ours = Poco::Logger::get(logName());
         EXPECT_EQ(Access::limits(*splitter()), (std::pair<std::size_t, std::size_t>{100000, 1000}));
@@ -241,7 +221,7 @@ TEST_F(LogFilesTest, TakesItsLoggerBackFromAHostThatTamperedWithIt)
 
 TEST_F(LogFilesTest, RenewsUnderLoadWithEveryLineInTheFileOfItsDayAndKeepsNothingOfFormerDays)
 {
-    inHost([] {
+    inChild([] {
         loadLogging();
         const Poco::Logger* const logger = Poco::Logger::has(logName()).get();
         const auto entries = [](const char* directory) {
@@ -299,7 +279,7 @@ TEST_F(LogFilesTest, GoesOnWhenTheDiskIsFullAndWritesAgainWhenThereIsRoom)
 {
     fs::create_directories(kDirectory);
     ASSERT_EQ(mount("tmpfs", kDirectory.c_str(), "tmpfs", 0, "size=1m"), 0);
-    inHost([] {
+    inChild([] {
         loadLogging();
         for (int i = 0; i < 3000; ++i) KRO_LOG_INFORMATION("%d %s", i, std::string(1000, 'x'));
         splitter()->flush(1s);
@@ -328,7 +308,7 @@ TEST_F(LogFilesTest, WritesAllThatWasLoggedWhenTheHostReturnsFromMainAlsoWithACo
             loadLogging();
             for (int i = 0; i < 4000; ++i) KRO_LOG_INFORMATION("a line of many");
         };
-        inHost(host, console);
+        inChild(host, console);
         EXPECT_EQ(count(linesOf(logFiles()), "a line of many"), 4000);
     }
 }
@@ -338,7 +318,7 @@ TEST_F(LogFilesTest, EndsPromptlyWhileThreadsOfTheHostLogOn)
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "threads that outlive main() may be inside POCO while its statics go, and are reported";
 #endif
-    inHost([] {
+    inChild([] {
         loadLogging();
         static auto* const s_writers = new LogWriters(3);
         s_writers->waitForMore(300);
@@ -348,7 +328,7 @@ TEST_F(LogFilesTest, EndsPromptlyWhileThreadsOfTheHostLogOn)
 TEST_F(LogFilesTest, CanBeDeletedStraightAfterItWasLoaded)
 {
     for (int i = 0; i < 50 && !HasFailure(); ++i)
-        inHost([] {
+        inChild([] {
             loadLogging();
             deleteLogger();
         });
@@ -357,7 +337,7 @@ TEST_F(LogFilesTest, CanBeDeletedStraightAfterItWasLoaded)
 
 TEST_F(LogFilesTest, LoadsAfterAFailureWithoutTheLinesOfAThreadThatLoggedTooEarly)
 {
-    inHost([] {
+    inChild([] {
         KRO_LOG_INFORMATION("early");
         std::ofstream("/media/log") << "in the way";
         EXPECT_THROW(loadLogging(), Poco::Exception);
@@ -378,15 +358,15 @@ TEST_F(LogFilesTest, NeitherLosesNorDoublesALineWhenTheHostForks)
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizers' allocators keep a lock for good that was held at a fork";
 #endif
-    inHost([] {
+    inChild([] {
         loadLogging();
         const LogWriters writers(4);
         for (int i = 0; i < 20; ++i) {
-            inHost([] {
+            inChild([] {
                 KRO_LOG_INFORMATION("lost in a child");
                 logOnNewThread("lost in a child");
             });
-            inHost([] {
+            inChild([] {
                 loadLogging();
                 logOnNewThread("from a child that loaded");
                 deleteLogger();
@@ -400,7 +380,7 @@ TEST_F(LogFilesTest, NeitherLosesNorDoublesALineWhenTheHostForks)
 
 TEST_F(LogFilesTest, BeginsANewFileAtMidnight)
 {
-    inHost([] {
+    inChild([] {
         putMidnight(kUntilMidnight);
         loadLogging();
         LogWriters writers(8);
@@ -417,7 +397,7 @@ TEST_F(LogFilesTest, BeginsANewFileAtMidnight)
 
 TEST_F(LogFilesTest, StaysWithTheFormerFileWhenTheRenewalFails)
 {
-    inHost([] {
+    inChild([] {
         putMidnight(kUntilMidnight);
         loadLogging();
         logOnNewThread("before midnight");  // the file is open from here on
@@ -432,7 +412,7 @@ TEST_F(LogFilesTest, StaysWithTheFormerFileWhenTheRenewalFails)
 
 TEST_F(LogFilesTest, EndsTheDailyThreadForGoodWhenItsWaitIsCutShort)
 {
-    inHost([] {
+    inChild([] {
         loadLogging();
         Access::wakeDailyThread();
         EXPECT_TRUE(eventually(&Access::dailyThreadHasEnded));
@@ -445,7 +425,7 @@ TEST_F(LogFilesTest, EndsTheDailyThreadForGoodWhenItsWaitIsCutShort)
 
 TEST_F(LogFilesTest, WaitsOnAfterAnEarlyWakeAndEndsAtOnceWhenItIsGuarded)
 {
-    inHost([] {
+    inChild([] {
         setSafeguards(kSteadyMidnight);
         const auto no_sooner = std::chrono::system_clock::from_time_t(std::time(nullptr)) + kUntilMidnight;
         putMidnight(kUntilMidnight);
@@ -460,7 +440,7 @@ TEST_F(LogFilesTest, WaitsOnAfterAnEarlyWakeAndEndsAtOnceWhenItIsGuarded)
 
 TEST_F(LogFilesTest, ArchivesAtTenMegabytesAndKeepsTenArchivesWithATimeStamp)
 {
-    inHost([] {
+    inChild([] {
         loadLogging();
         for (int i = 0; i < 14; ++i) {
             logOnNewThread("begins a file");
