@@ -56,6 +56,10 @@ protected:
     {
         return "requst url '" + url + "' exception: " + reason;
     }
+    static bool logged(const std::string& text)
+    {
+        return test::eventually([&] { return LogCapture::instance().has(test::error(text)); });
+    }
 
     const std::shared_ptr<HttpClient> client = HttpClient::createInstance();
     test::Recorder<std::pair<int, std::string>> answers;
@@ -94,21 +98,14 @@ TEST_F(HttpClientTest, PutsEachFormOnTheWireOnAConnectionOfItsOwn)
     EXPECT_TRUE(LogCapture::instance().lines().empty());
 }
 
-TEST_F(HttpClientTest, TakesTheUrlAsItStandsAndItsSchemeForAPortAlone)
+TEST_F(HttpClientTest, TakesTheUrlAsItStandsAndPlainHttpWhateverTheScheme)
 {
     const RawServer server(kOk);
     for (const auto& [rest, target] : std::vector<std::pair<std::string, std::string>>{
              {"", ""}, {"?a=b", "?a=b"}, {"/#fragment", "/"}, {"/a?b#c", "/a?b"}})
     {
-        EXPECT_EQ(get("https://" + server.authority() + rest), kGood) << "plain HTTP, whatever the scheme";
+        EXPECT_EQ(get("https://" + server.authority() + rest), kGood);
         EXPECT_EQ(server.requests().back().find("GET " + target + " HTTP/1.1\r\n"), 0u) << rest;
-    }
-    // Nobody listens on this address; the port that was tried shows in the log.
-    for (const auto& [scheme, tried] : {std::pair("ftp", ":21"), {"http", ":80"}, {"https", ":443"}}) {
-        const std::string url = scheme + std::string("://127.77.66.55/");
-        EXPECT_EQ(get(url), kFailed);
-        EXPECT_TRUE(LogCapture::instance().has(
-            test::error(failure(url, std::string("Connection refused: 127.77.66.55") + tried))));
     }
 }
 
@@ -124,37 +121,34 @@ TEST_F(HttpClientTest, ReachesAServerByIPv6)
 
 TEST_F(HttpClientTest, PassesOnWhatTheServerSent)
 {
-    const std::string large(50u << 20, 'x');
     const std::pair<std::string, Answers> rows[] = {
-        {"404 Not Found\r\nContent-Length: 4\r\n\r\nnone", {{404, "none"}}},
-        {"200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n1\r\nd\r\n0\r\n\r\n", {{200, "abcd"}}},
-        {"200 OK\r\n\r\nto the end", {{200, "to the end"}}},
-        {"200 OK\r\nContent-Length: 100\r\n\r\nbroken off", {{200, "broken off"}}},
-        {"200 OK\r\nTransfer-Encoding: chunked\r\n\r\nff\r\nbroken off", {{200, "broken off"}}},
-        {"302 Found\r\nLocation: /elsewhere\r\nContent-Length: 0\r\n\r\n", {{302, ""}}},
-        {"200 OK\r\nContent-Length: " + std::to_string(large.size()) + "\r\n\r\n" + large, {{200, large}}}};
-    for (const auto& [reply, expected] : rows) {
-        const RawServer server("HTTP/1.1 " + reply);
-        EXPECT_TRUE(get(server.url("/")) == expected) << reply.substr(0, 100);
-    }
-    EXPECT_TRUE(LogCapture::instance().lines().empty()) << "none of these is a failed request";
+        {"404 Not Found\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n1\r\nd\r\n0\r\n\r\n",
+         {{404, "abcd"}}},
+        {"302 Found\r\nLocation: /elsewhere\r\nContent-Length: 100\r\n\r\nbroken off",
+         {{302, "broken off"}}}};
+    for (const auto& [reply, expected] : rows)
+        EXPECT_EQ(get(RawServer("HTTP/1.1 " + reply).url("/")), expected);
+    EXPECT_TRUE(LogCapture::instance().lines().empty()) << "neither is a failed request";
 }
 
 TEST_F(HttpClientTest, MakesEveryFailureStatus400WithTheReasonInTheLogAlone)
 {
-    const RawServer silent(std::string{});
-    const RawServer babbling(std::string("no HTTP at all\r\n\r\n"));
+    const RawServer silent(std::string{}), babbling(std::string("no HTTP at all\r\n\r\n"));
     const RawServer resetting([](Peer& peer) {
         peer.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\ncut");
         peer.reset();
     });
-    const std::pair<std::string, std::string> rows[] = {{"http://127.77.66.55/a?b=c", "Connection refused"},
-                                                        {silent.url("/?q"), "No message received"},
-                                                        {babbling.url("/"), ""},
-                                                        {resetting.url("/"), "Connection reset by peer"},
-                                                        {"http://[::1", ""},
-                                                        {"http://127.0.0.1:port/", ""},
-                                                        {"no url", ""}};
+    const std::pair<std::string, std::string> rows[] = {
+        {"http://127.77.66.55:20/a?b=c", "Connection refused: 127.77.66.55:20"},
+        {"ftp://127.77.66.55",
+         "Connection refused: 127.77.66.55:21"},  // the scheme decides on the port alone
+        {"https://127.77.66.55", "Connection refused: 127.77.66.55:443"},
+        {silent.url("/?q"), "No message received"},
+        {babbling.url("/"), ""},
+        {resetting.url("/"), "Connection reset by peer"},
+        {"http://[::1", ""},
+        {"http://127.0.0.1:port/", ""},
+        {"no url", ""}};
     for (const auto& [url, reason] : rows) {
         SCOPED_TRACE(url);
         LogCapture::instance().clear();
@@ -203,38 +197,30 @@ TEST_F(HttpClientTest, RunsTheCallbackASecondTimeOnlyForAPocoException)
             if (status == 200) throw error;
         };
     };
-    const auto logged = [](const std::vector<test::LogLine>& lines) {
-        return test::eventually([&] { return LogCapture::instance().lines() == lines; });
-    };
     client->doHttpRequest(url, throwing(Poco::NotFoundException("mine")));
     EXPECT_EQ(take(), twice);
-    EXPECT_TRUE(logged({test::error(failure(url, "Not found: mine"))}));
+    EXPECT_TRUE(logged(failure(url, "Not found: mine")));
+    client->doHttpRequestSync(url, "", throwing(Poco::NotFoundException("mine")));
+    EXPECT_EQ(take(), twice);
     client->doHttpRequest(url, "body", throwing(std::runtime_error("plain")));
     EXPECT_EQ(take(), kGood);
-    EXPECT_TRUE(logged({test::error("plain")})) << "from the pool";
-    client->doHttpRequest(url, throwing(5));
-    EXPECT_EQ(take(), kGood);
-    EXPECT_TRUE(logged({}));
+    EXPECT_TRUE(logged("plain")) << "from the pool";
     EXPECT_THROW(client->doHttpRequestSync(url, "", throwing(std::runtime_error("plain"))),
                  std::runtime_error);
     EXPECT_EQ(take(), kGood);
-    client->doHttpRequestSync(url, "", throwing(Poco::NotFoundException("mine")));
-    EXPECT_EQ(take(), twice);
 }
 
 TEST_F(HttpClientTest, TakesAnEmptyCallbackForAnAnswerButNotForAFailure)
 {
     const RawServer server(kOk);
+    client->doHttpRequest(server.url("/"), HttpResponseCallback());
     client->doHttpRequestSync(server.url("/"), "", {});
     client->do_http_request(server.url("/"), {});
-    client->doHttpRequest(server.url("/"), HttpResponseCallback());
-    ThreadPool::defaultPool().joinAll();
+    EXPECT_EQ(take(), Answers{});
     EXPECT_TRUE(LogCapture::instance().lines().empty());
-    EXPECT_EQ(server.requests().size(), 3u);
     EXPECT_THROW(client->doHttpRequestSync("http://[", "", {}), std::bad_function_call);
     client->doHttpRequest("http://[", HttpResponseCallback());
-    EXPECT_TRUE(
-        test::eventually([] { return LogCapture::instance().has(test::error("bad_function_call")); }));
+    EXPECT_TRUE(logged("bad_function_call"));
 }
 
 TEST_F(HttpClientTest, PassesTheRefusalOfTheFullPoolToItsCaller)
