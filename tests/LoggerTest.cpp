@@ -19,12 +19,11 @@ using test::LogCapture;
 
 TEST(LogMaskTest, MatchesAnyCommonBitAndNothingAtZero)
 {
-    for (const auto& [mask, bits, can] :
-         {std::tuple(0u, ~0u, false), {5u, 4u, true}, {5u, 0xFFu, true}, {5u, 2u, false}, {5u, 0u, false}})
-    {
-        setLogMask(mask);
-        EXPECT_EQ(canLog(bits), can) << mask << " " << bits;
-    }
+    setLogMask(0);
+    EXPECT_FALSE(canLog(~0u));
+    setLogMask(5);
+    EXPECT_TRUE(canLog(4) && canLog(0xFF));
+    EXPECT_FALSE(canLog(2) || canLog(0));
 }
 
 TEST(LogSiteTest, BuildsNoTextBelowTheLevelAndCarriesThePriorityAboveIt)

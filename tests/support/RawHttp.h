@@ -2,16 +2,9 @@
 #define KRO_TESTS_RAW_HTTP_H
 
 #include <atomic>
-#include <functional>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
-#include <Poco/Exception.h>
 #include <Poco/Net/ServerSocket.h>
-#include <Poco/Net/SocketAddress.h>
-#include <Poco/Net/StreamSocket.h>
 #include <Poco/String.h>
 
 #include "support/Recorder.h"
@@ -58,14 +51,7 @@ public:
         std::string text = takeThrough("\r\n\r\n");
         if (const std::string length = header(text, "content-length"); !length.empty())
             return text + take(std::stoul(length));
-        if (header(text, "transfer-encoding") == "chunked") {
-            for (std::size_t length = 1; length > 0 && text.back() == '\n';) {
-                const std::string line = takeThrough("\r\n");
-                length = line.empty() ? 0 : std::stoul(line, nullptr, 16);
-                text += line + take(length + 2);
-            }
-            return text;
-        }
+        if (header(text, "transfer-encoding") == "chunked") return text + takeThrough("0\r\n\r\n");
         return text.compare(0, 5, "HTTP/") == 0 && text.compare(9, 3, "100") != 0 ? text + rest() : text;
     }
     std::string rest()  ///< everything up to the end of the connection; nothing more after a reset
@@ -118,16 +104,14 @@ inline std::string bodyOf(const std::string& message)
 {
     const auto head_end = message.find("\r\n\r\n");
     if (head_end == std::string::npos) return {};
-    const std::string rest = message.substr(head_end + 4);
-    if (header(message, "transfer-encoding") != "chunked") return rest;
-    std::string body;
-    for (std::size_t at = 0; at < rest.size();) {
-        const std::size_t length = std::stoul(rest.substr(at), nullptr, 16);
-        at = rest.find("\r\n", at) + 2;
-        body += rest.substr(at, length);
-        at += length + 2;
+    const bool chunked = header(message, "transfer-encoding") == "chunked";
+    std::string rest = message.substr(head_end + 4), body;
+    while (chunked && !rest.empty()) {
+        const std::size_t begin = rest.find("\r\n") + 2, length = std::stoul(rest, nullptr, 16);
+        body += rest.substr(begin, length);
+        rest.erase(0, begin + length + 2);
     }
-    return body;
+    return chunked ? body : rest;
 }
 
 inline std::string get(const std::string& path, const std::string& more_headers = "")
@@ -148,7 +132,7 @@ public:
     explicit RawServer(std::function<void(Peer&)> answer, const std::string& host = "127.0.0.1")
         : listener(Poco::Net::SocketAddress(host, 0)), script(std::move(answer)), server([this] { serve(); })
     {}
-    explicit RawServer(std::string reply) : RawServer([reply](Peer& peer) { peer.send(reply); }) {}
+    explicit RawServer(const std::string& reply) : RawServer([reply](Peer& peer) { peer.send(reply); }) {}
     ~RawServer()
     {
         stopped = true;
