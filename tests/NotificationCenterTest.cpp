@@ -76,21 +76,20 @@ TEST(NotificationCenterTest, LetsFiredCallablesAndDestructorsCallBack)
 TEST(NotificationCenterTest, TakesCallsFromAllThreadsAtOnce)
 {
     std::atomic<int> fired{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&fired, name = std::to_string(t % 2)] {
-            auto& center = NotificationCenter::defaultCenter();
-            center.setCallable("always" + name, [&fired] { ++fired; });
-            for (int i = 0; i < 500; ++i) {
-                center.set(name, std::make_shared<int>(i));
-                const auto number = center.find<int>(name);
-                if (number && *number >= 500) ADD_FAILURE() << *number;
-                center.remove(name);
-                center.fire("always" + name);
-            }
-        });
+    const auto storm = [&fired](const std::string& name) {
+        auto& center = NotificationCenter::defaultCenter();
+        center.setCallable("always" + name, [&fired] { ++fired; });
+        for (int i = 0; i < 500; ++i) {
+            center.set(name, std::make_shared<int>(i));
+            const auto number = center.find<int>(name);
+            EXPECT_TRUE(!number || *number < 500);
+            center.remove(name);
+            center.fire("always" + name);
+        }
+    };
+    std::thread threads[] = {std::thread(storm, "0"), std::thread(storm, "0"), std::thread(storm, "1")};
     for (auto& thread : threads) thread.join();
-    EXPECT_EQ(fired, 2000);
+    EXPECT_EQ(fired, 1500);
     EXPECT_EQ(NotificationCenter::defaultCenter().names(), (Names{"always0", "always1"}));
 }
 

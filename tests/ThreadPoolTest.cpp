@@ -129,23 +129,19 @@ TEST_F(ThreadPoolTest, MayBeDestroyedUnderATaskThatUsesNoCaptures)
 
 TEST_F(ThreadPoolTest, RunsAtOneOfTwoPrioritiesOnThreadsThatAreNotNamedAfterTheirStarter)
 {
+    pthread_setname_np(pthread_self(), "starter");
+    startHeld([] {});  // takes the thread that stands ready, so that the next one is started from here
     for (const bool low : {true, false}) {
-        std::promise<int> seen;
-        pool->startWithPriority([&] { seen.set_value(Poco::Thread::current()->getPriority()); }, "probe",
-                                low);
-        EXPECT_EQ(seen.get_future().get(), low ? Poco::Thread::PRIO_LOWEST : Poco::Thread::PRIO_NORMAL);
-    }
-    std::promise<std::string> seen;
-    std::thread([&] {
-        pthread_setname_np(pthread_self(), "starter");
-        startHeld([] {});  // takes the thread that stands ready, so that the next one is started from here
-        pool->start([&] {
+        std::promise<std::pair<int, std::string>> seen;
+        const auto task = [&seen] {
             char name[16];
             pthread_getname_np(pthread_self(), name, sizeof name);
-            seen.set_value(name);
-        });
-    }).join();
-    EXPECT_EQ(seen.get_future().get(), "kro-pool");
+            seen.set_value({Poco::Thread::current()->getPriority(), name});
+        };
+        pool->startWithPriority(task, "probe", low);
+        const auto priority = low ? Poco::Thread::PRIO_LOWEST : Poco::Thread::PRIO_NORMAL;
+        EXPECT_EQ(seen.get_future().get(), std::pair(int{priority}, std::string("kro-pool")));
+    }
 }
 
 }  // namespace
