@@ -72,6 +72,7 @@ public:
         prctl(PR_GET_NAME, former);
         prctl(PR_SET_NAME, name.c_str());  // a fork inherits it
         pid = fork();
+        if (pid == 0) prctl(PR_SET_PDEATHSIG, SIGKILL);
         while (pid == 0) work();
         prctl(PR_SET_NAME, former);
     }
