@@ -149,7 +149,7 @@ TEST_F(ConfigTest, KeepsTheOldFileWholeOnAFullDiskWhenItIsGuarded)
     ASSERT_EQ(mount("tmpfs", kDirectory.c_str(), "tmpfs", 0, "size=32k"), 0);
     const fs::path kept = kDirectory / "kept.json";
     writeFile(kept, R"({"a":1})");
-    fs::permissions(kept, fs::perms(0600));
+    fs::permissions(kept, fs::perms(0640));
     fs::create_symlink(kept, kFile);
     loadConfig();
     configInstance()->setString("long", std::string(8192, 'x'));
@@ -166,7 +166,7 @@ TEST_F(ConfigTest, KeepsTheOldFileWholeOnAFullDiskWhenItIsGuarded)
     EXPECT_EQ(logOf(saveConfig), LogLines{kSaved});
     EXPECT_EQ(fileText(), treeText());
     EXPECT_TRUE(fs::is_symlink(kFile));
-    EXPECT_EQ(fs::status(kept).permissions(), fs::perms(0600));
+    EXPECT_EQ(fs::status(kept).permissions(), fs::perms(0640));
     EXPECT_EQ(std::distance(fs::directory_iterator(kDirectory), {}), 2) << "nothing is left beside them";
     EXPECT_EQ(umount(kDirectory.c_str()), 0);
 }
