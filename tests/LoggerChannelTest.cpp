@@ -25,7 +25,7 @@ public:
     void log(const Poco::Message& message) override
     {
         received.add(message.getText());
-        const std::lock_guard<std::mutex> lock(gate);
+        if (gate.valid()) gate.wait();
         if (message.getText() == "3") throw std::runtime_error("no room");
     }
     void setProperty(const std::string& name, const std::string& value) override
@@ -34,7 +34,7 @@ public:
     }
 
     test::Recorder<std::string> received;
-    std::mutex gate;  // held by a test that holds the worker
+    std::shared_future<void> gate;  // set before the first message
 };
 
 class LoggerChannelTest : public testing::Test
@@ -52,9 +52,11 @@ protected:
         return texts;
     }
     /// Logs "0", and waits until the worker stands at the gate with it in hand.
-    std::unique_lock<std::mutex> holdWorker()
+    /// @return what opens the gate.
+    std::promise<void> holdWorker()
     {
-        std::unique_lock<std::mutex> held(slow->gate);
+        std::promise<void> held;
+        slow->gate = held.get_future().share();
         log(branch, 0, 0);
         EXPECT_TRUE(test::eventually([&] { return slow->received.all() == numbers(0, 0); }));
         return held;
@@ -73,7 +75,7 @@ TEST_F(LoggerChannelTest, RefusesTheNewestPastTheLimitAndSetsAPropertyPastTheQue
     EXPECT_EQ(branch->droppedCount(), 7u);
     EXPECT_FALSE(branch->waitWritten(20ms)) << "nothing moves";
     branch->setProperty("prefix", "new");
-    held.unlock();
+    held.set_value();
     EXPECT_TRUE(branch->waitWritten(20s));
     log(branch, 110, 110);
     EXPECT_TRUE(branch->waitWritten(20s));
@@ -89,7 +91,7 @@ TEST_F(LoggerChannelTest, LosesTheRestOfABatchThatFailsAndGoesOnWithTheNext)
 {
     auto held = holdWorker();
     log(branch, 1, 70);  // a batch of 64, of which the third fails, and one of 6
-    held.unlock();
+    held.set_value();
     EXPECT_TRUE(branch->waitWritten(20s));
     auto expected = numbers(0, 3);
     for (const std::string& text : numbers(65, 70)) expected.push_back(text);
@@ -105,7 +107,7 @@ TEST_F(LoggerChannelTest, WritesAllThatItHasAcceptedBeforeItIsDestroyedAndThenLo
     auto destroyed = std::async(std::launch::async, [&] { branch = nullptr; });
     // The destructor waits for the worker, which is held: the object is there until the gate opens.
     EXPECT_TRUE(test::eventually([&] { return !LoggerTestAccess::isRunning(*stopping); }));
-    held.unlock();
+    held.set_value();
     destroyed.get();
     EXPECT_EQ(slow->received.all(), numbers(0, 100));
 }
