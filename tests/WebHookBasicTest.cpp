@@ -104,8 +104,9 @@ TEST(WebHookReportTest, TicksEveryTenSecondsWhateverTheSettings)
         const auto hook = WebHookBasic::createInstance();
         const auto start = std::chrono::steady_clock::now();
         hook->reportServerKeepalive();
-        EXPECT_TRUE(comes(server, 2, std::chrono::seconds(16)));
-        EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(9'900));
+        // Two periods, with room for a busy machine, but not for a period of 15 s.
+        EXPECT_TRUE(comes(server, 3, std::chrono::seconds(28)));
+        EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(19));
     });
 }
 
@@ -159,16 +160,6 @@ TEST_F(WebHookRequestTest, TakesAnEmptyCallbackForAnObjectAlone)
         ThreadPool::defaultPool().joinAll();
         EXPECT_EQ(LogCapture::instance().has(test::error("bad_function_call")), body == "[]");
     }
-}
-
-TEST(OnceTokenTest, RunsOneFunctionAtOnceAndTheOtherAtTheEnd)
-{
-    std::string runs;
-    {
-        const onceToken token([&] { runs += "begin "; }, [&] { runs += "end"; }), empty({}, {});
-        EXPECT_EQ(runs, "begin ");
-    }
-    EXPECT_EQ(runs, "begin end");
 }
 
 }  // namespace
