@@ -6,6 +6,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -22,6 +23,7 @@
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/RawHttp.h"
+#include "support/WithSafeguards.h"
 
 namespace kro
 {
@@ -487,6 +489,125 @@ TEST_F(WebApiBasicTest, AnswersOfTwoHundredConnectionsAtOnceAsManyAsPocoTakesAnd
         EXPECT_TRUE(i >= kThreads || !reply.empty()) << i;
     }
     EXPECT_GE(answered, kThreads + kQueue);
+    expectGoodAnswer();
+}
+
+/// With all safeguards, over one connection that is kept unless a test says otherwise.
+class GuardedWebApiTest : public WebApiBasicTest
+{
+protected:
+    GuardedWebApiTest()
+    {
+        api.apiRegist("/plain", [](Request&, Response& response, const ApiParams& params) {
+            if (params.count("chunks") != 0) {
+                response.setChunkedTransferEncoding(true);
+                response.send() << std::string(1u << 20, 'x');
+            }
+            if (!params.empty()) response.set("X-Secret", "inside");
+            if (params.count("int") != 0) throw 5;
+            if (params.count("std") != 0) throw std::runtime_error("inside");
+            if (params.count("poco") != 0 || params.count("chunks") != 0)
+                throw Poco::NotFoundException("inside");
+        });
+        api.apiRegist("/canned");
+        api.apiRegist("/none", ApiHandler());
+        start();
+    }
+
+    const test::WithSafeguards guarded{kAllSafeguards};
+};
+
+const std::string kSuccess = R"({"code": 0, "msg": "success"})";
+const std::string kBadRequest = R"({"code":-1,"msg":"bad request"})";
+const std::string kInternal = R"({"code":-1,"msg":"internal error"})";
+const std::string kTooLarge = R"({"code":-1,"msg":"request body too large"})";
+
+TEST_F(GuardedWebApiTest, AnswersEveryRequestInFullAndKeepsTheConnection)
+{
+    const std::string chunked = "POST /index/api/body HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const struct
+    {
+        std::string request;
+        std::string status;
+        std::string body;
+    } rows[] = {{get("/index/api/result?a=1"), "200", R"({"alpha":1,"zeta":1})"},
+                {get("/canned"), "200", kSuccess},
+                {get("/nothing"), "200", kNotFound},
+                {post("/nothing", "GET / HTTP/1.1\r\n\r\n"), "200", kNotFound},
+                {get("/plain"), "200", kSuccess},
+                {get("/plain?poco"), "500", kInternal},
+                {get("/plain?std"), "500", kInternal},
+                {get("/plain?int"), "500", kInternal},
+                {get("/none"), "500", kInternal},
+                {get("/%zz"), "400", kBadRequest},
+                {get("/index/api/echo?x=%zz"), "400", kBadRequest},
+                {post("/index/api/body", "{\"a\": ]" + std::string(100'000, ' ')), "400", kBadRequest},
+                {post("/index/api/body", "null"), "400", kBadRequest},
+                {post("/index/api/body", "[1]"), "400", kBadRequest},
+                {"POST /index/api/body HTTP/1.1\r\n\r\n", "400", kBadRequest},
+                {chunked + "2\r\n{]\r\n0\r\n\r\n", "400", kBadRequest},
+                {chunked + "2\r\n{\"\r\n5\r\na\":1}\r\n0\r\n\r\n", "200", R"({"members":1})"}};
+    Peer peer(port());
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.request.substr(0, 60));
+        ASSERT_TRUE(peer.send(row.request));
+        const std::string reply = peer.message();
+        expectStatus(reply, row.status);
+        EXPECT_EQ(test::bodyOf(reply), row.body);
+        EXPECT_NE(reply.find("Content-Length: " + std::to_string(row.body.size())), std::string::npos);
+        EXPECT_NE(reply.find("Content-Type: application/json"), std::string::npos);
+        EXPECT_EQ(reply.find("inside"), std::string::npos);
+    }
+    peer.send("HEAD /index/api/result HTTP/1.1\r\n\r\n" + get("/canned", "Connection: close\r\n"));
+    const std::string both = peer.rest();
+    EXPECT_NE(both.find("Content-Length: 20\r\n"), std::string::npos) << both;
+    EXPECT_NE(both.find("\r\n\r\nHTTP/1.1 200"), std::string::npos) << "no body for HEAD: " << both;
+    EXPECT_TRUE(LogCapture::instance().has(test::error("web api: /plain?int, unknown exception")));
+}
+
+TEST_F(GuardedWebApiTest, EndsNoAnswerInOrderThatWasBrokenOff)
+{
+    Peer peer(port());
+    peer.send(get("/plain?chunks"));
+    const std::string reply = peer.rest();
+    EXPECT_EQ(reply.find("\r\n0\r\n"), std::string::npos) << "half an answer must not look whole";
+    expectGoodAnswer();
+}
+
+TEST_F(GuardedWebApiTest, ListsWhatIsRegistered)
+{
+    const std::string list =
+        R"({"code":0,"data":["/","/canned","/index/api/body","/index/api/echo",)"
+        R"("/index/api/getApiList","/index/api/result","/none","/plain"],"msg":"success"})";
+    for (const auto& path : {"/", "/index/api/getApiList"}) EXPECT_EQ(test::bodyOf(ask(get(path))), list);
+}
+
+TEST_F(GuardedWebApiTest, TakesABodyOf8MiBAndRefusesOneByteMore)
+{
+    const auto chunked = [](const std::string& body) {
+        const std::string half = body.substr(0, body.size() / 2);
+        const std::string rest = body.substr(half.size());
+        std::ostringstream text;
+        text << "POST /index/api/body HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" << std::hex;
+        for (const auto& part : {half, rest}) text << part.size() << "\r\n" << part << "\r\n";
+        return text.str() + "0\r\n\r\n";
+    };
+    const auto body = [](std::size_t bytes) { return "{\"a\":\"" + std::string(bytes - 8, 'x') + "\"}"; };
+    const std::size_t limit = 8u << 20;
+    for (const auto& request : {post("/index/api/body", body(limit)), chunked(body(limit))})
+        EXPECT_EQ(test::bodyOf(ask(request)), R"({"members":1})");
+    const std::string unsent =
+        "POST /canned HTTP/1.1\r\nContent-Length: " + std::to_string(limit + 1) + "\r\n\r\n";
+    for (const auto& request : {post("/index/api/body", body(limit + 1)), chunked(body(limit + 1)),
+                                unsent + get("/index/api/echo")})
+    {
+        Peer peer(port());
+        peer.send(request);
+        const std::string reply = peer.message();
+        expectStatus(reply, "413");
+        EXPECT_EQ(test::bodyOf(reply), kTooLarge);
+        EXPECT_EQ(peer.rest(), "") << "the connection has ended, and no rest was taken for a request";
+    }
     expectGoodAnswer();
 }
 
