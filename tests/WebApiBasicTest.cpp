@@ -13,13 +13,16 @@
 #include <utility>
 #include <vector>
 
+#include <Poco/DateTime.h>
 #include <Poco/Exception.h>
+#include <Poco/JSON/Array.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/PipeStream.h>
 #include <Poco/Process.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/ThreadPool.h>
 
+#include "JsonText.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/RawHttp.h"
@@ -563,6 +566,31 @@ TEST_F(GuardedWebApiTest, AnswersEveryRequestInFullAndKeepsTheConnection)
     EXPECT_NE(both.find("Content-Length: 20\r\n"), std::string::npos) << both;
     EXPECT_NE(both.find("\r\n\r\nHTTP/1.1 200"), std::string::npos) << "no body for HEAD: " << both;
     EXPECT_TRUE(LogCapture::instance().has(test::error("web api: /plain?int, unknown exception")));
+}
+
+TEST(JsonTextTest, IsWhatPocoWrites)
+{
+    Object inner;
+    inner.set("z", Poco::Dynamic::Var())
+        .set("a", 'c')
+        .set("\u00e4/\"\\\n", std::string("\x01/\xc3\xa4\"\\\t", 7));
+    Poco::JSON::Array list;
+    list.add(1).add(inner).add("");
+    Object all;
+    all.set("", true).set("int", -5).set("long", -6L).set("large", 1ull << 63).set("small", Poco::Int8(7));
+    all.set("double", 0.1).set("whole", 1e30).set("float", 0.5f).set("literal", "text").set("inner", inner);
+    all.set("pointer", Object::Ptr(new Object(inner)))
+        .set("list", list)
+        .set("date", Poco::DateTime(2026, 1, 2));
+    Object unsorted(Poco::JSON_PRESERVE_KEY_ORDER);
+    unsorted.set("b", 1).set("a", 2);
+    Object escaped(Poco::JSON_ESCAPE_UNICODE);
+    escaped.set("\xc3\xa4", "\xc3\xa4");
+    for (const auto& object : {Object(), inner, all, unsorted, escaped}) {
+        std::ostringstream text;
+        object.stringify(text, 0, -1);
+        EXPECT_EQ(detail::jsonText(object), text.str());
+    }
 }
 
 TEST_F(GuardedWebApiTest, EndsNoAnswerInOrderThatWasBrokenOff)

@@ -78,7 +78,7 @@ private:
         RequestCallback request_callback;
     };
 
-    std::unique_ptr<Poco::Net::HTTPServer> server;  // null only while the constructor runs
+    std::unique_ptr<Poco::Net::TCPServer> server;  // null only while the constructor runs
 };
 
 }  // namespace kro

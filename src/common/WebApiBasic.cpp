@@ -1,9 +1,11 @@
 #include "WebApiBasic.h"
 
+#include <algorithm>
 #include <exception>
 #include <istream>
 #include <limits>
 #include <list>
+#include <optional>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -17,6 +19,7 @@
 #include <Poco/URI.h>
 
 #include "ApiCommon.h"
+#include "JsonText.h"
 #include "Logger.h"
 #include "Safeguards.h"
 
@@ -132,6 +135,16 @@ auto queryOf(const Uri& uri, long) -> decltype(uri.getQueryParameters())
     return uri.getQueryParameters();
 }
 
+/// Whether Poco::URI, which takes its time, would make a path of the whole text and leave it as it is.
+bool isPlainPath(const std::string& uri)
+{
+    const auto is_plain = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+               c == '-' || c == '/';
+    };
+    return uri.size() > 1 && uri[0] == '/' && uri[1] != '/' && std::all_of(uri.begin(), uri.end(), is_plain);
+}
+
 ApiParams paramsOf(const Poco::URI& uri)
 {
     ApiParams params;
@@ -199,9 +212,7 @@ void sendResult(HTTPServerResponse& response, const Poco::JSON::Object& result)
         return;
     }
     // Safeguard: one send instead of three. It costs a copy of the text.
-    std::ostringstream text;
-    result.stringify(text, 0, -1);
-    sendWhole(response, text.str());
+    sendWhole(response, detail::jsonText(result));
 }
 
 /// The answer to a request that has thrown; with nothing of the exception in it, which may tell of the inside.
@@ -403,15 +414,16 @@ void WebApiBasic::admit(HTTPServerRequest& request, HTTPServerResponse& response
 
 void WebApiBasic::dispatch(HTTPServerRequest& request, HTTPServerResponse& response)
 {
+    std::optional<Poco::URI> uri;
     // Settled: what this throws goes to POCO unlogged.
-    const auto uri = readingInput(response, [&] { return Poco::URI(request.getURI()); });
-    const TableUse::Request known(api_handlers, uri.getPath());
+    if (!isPlainPath(request.getURI())) readingInput(response, [&] { uri.emplace(request.getURI()); });
+    const TableUse::Request known(api_handlers, uri ? uri->getPath() : request.getURI());
     if (known.handler == nullptr) {
         apiNotFound(response);  // Settled: no content type is set for it
         return;
     }
     logged([&] {
-        const ApiParams params = readingInput(response, [&] { return paramsOf(uri); });
+        const ApiParams params = readingInput(response, [&] { return uri ? paramsOf(*uri) : ApiParams(); });
         (*known.handler)(request, response, params);
     });
 }
