@@ -18,7 +18,9 @@ void appendString(std::string& text, const std::string& value)
         return c >= ' ' && c <= '~' && c != '"' && c != '\\' && c != '/';
     });
     if (stands_for_itself) {
-        text.append(1, '"').append(value).append(1, '"');
+        text += '"';
+        text += value;
+        text += '"';
         return;
     }
     std::ostringstream out;
@@ -58,13 +60,16 @@ void appendValue(std::string& text, const Poco::Dynamic::Var& value)
 std::string jsonText(const Poco::JSON::Object& object)
 {
     // In order of insertion if it was made so, else sorted, as its map is.
-    const auto names = object.getNames();
+    thread_local Poco::JSON::Object::NameList names;  // keeps its room
+    object.getNames(names);
     if (object.getEscapeUnicode() || !std::is_sorted(names.begin(), names.end())) {
         std::ostringstream out;
         object.stringify(out, 0, -1);
         return out.str();
     }
-    std::string text = "{";
+    std::string text;
+    text.reserve(512);
+    text += '{';
     for (const auto& [name, value] : object) {
         if (text.size() > 1) text += ',';
         appendString(text, name);

@@ -187,8 +187,7 @@ auto readingInput(HTTPServerResponse& response, Step step)
 /// Sends a whole JSON answer with its length in one piece.
 void sendWhole(HTTPServerResponse& response, const std::string& json)
 {
-    if (response.getContentType() == HTTPServerResponse::UNKNOWN_CONTENT_TYPE)
-        response.setContentType("application/json");
+    if (!response.has(HTTPServerResponse::CONTENT_TYPE)) response.setContentType("application/json");
     const auto status = response.getStatus();
     if (status < 200 || status == HTTPServerResponse::HTTP_NO_CONTENT ||
         status == HTTPServerResponse::HTTP_NOT_MODIFIED)
