@@ -2,7 +2,8 @@
 """Loads a registered web API and its limits with wrk, one after the other in every round, and prints the ratios.
 
 Servers: our registered API, settled and with all safeguards ("guarded"); POCO's bare server that sends the same bytes
-in the same way; cpp-httplib; nginx with a static file of the same bytes. What is not installed is left out with a word. Needs wrk."""
+in the same way; cpp-httplib; nginx with a static file of the same bytes. What is not installed
+is left out with a word. Needs wrk."""
 import argparse
 import os
 import re

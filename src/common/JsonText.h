@@ -7,8 +7,8 @@
 
 namespace kro::detail
 {
-/// @return the bytes of object.stringify(out, 0, -1). POCO takes 3000 instructions for each member, a few hundred
-///         do for a plain one; the others are still POCO's.
+/// @return the bytes of object.stringify(out, 0, -1). POCO takes 3000 instructions for each member, a few
+///         hundred do for a plain one; the others are still POCO's.
 std::string jsonText(const Poco::JSON::Object& object);
 }  // namespace kro::detail
 

@@ -251,7 +251,8 @@ void PeriodicTaskManager::startPeriodMonitorTask()
     const std::lock_guard<std::mutex> starting(exit_gate->mutex);
     monitor_thread = std::thread([this, gate = exit_gate] {
         gate->monitorEnters();
-        // Settled: nothing is caught here. A full pool, or anything else that a pass throws, ends the process.
+        // Settled: nothing is caught here. A full pool, or anything else that a pass throws, ends the
+        // process.
         while (monitor_running) monitorPeriodTasks();
         gate->monitorLeaves();  // from here on the manager may be gone
     });
@@ -299,8 +300,8 @@ void PeriodicTaskManager::monitorPeriodTasks()
     if (monitor_interval.count() >= 1) exit_gate->sleep(monitor_interval);
 }
 
-// Safeguard: what finds no thread is idle again, and as overdue as before. It costs a look at the pool for each
-// hand-over.
+// Safeguard: what finds no thread is idle again, and as overdue as before. It costs a look at the pool for
+// each hand-over.
 void PeriodicTaskManager::handOverWhileThereAreThreads_l(
     const std::vector<steady_clock::time_point>& former_runs)
 {
@@ -391,8 +392,8 @@ void PeriodicTaskManager::timeoutMonitor(const std::shared_ptr<TaskContext>& tas
         "monitor task", true);
 }
 
-// Safeguard: looks at the time-out, and is gone with the run. It costs a wake of every sleeping watch at the end
-// of each watched run.
+// Safeguard: looks at the time-out, and is gone with the run. It costs a wake of every sleeping watch at the
+// end of each watched run.
 void PeriodicTaskManager::watchToTheEnd_l(const std::shared_ptr<TaskContext>& task, const WatchedRun& run)
 {
     steady_clock::time_point started;

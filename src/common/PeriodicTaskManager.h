@@ -64,12 +64,13 @@ struct TaskContext
 /// All operations may be called from any thread, a task's function included. A function may throw: that is
 /// logged, and it runs again at its next period.
 ///
-/// Limits to plan with, where no safeguard lifts them. More than 32 runs at a time end the process, and a run with a time-out takes two
-/// threads, the second one for the whole time-out. If that second thread isn't to be had, the run is lost:
-/// the function isn't called, the refusal is logged, and the task stays TASK_RUNNING for ever and never runs
-/// again. Every run leaves some hundred bytes behind until the process ends. With kWaitForThread a due task
-/// waits for a thread, the longest overdue first, and a run whose watch finds none goes unwatched; with
-/// kWatchTimeouts a time-out is declared when it is over, and the second thread is free when the run ends.
+/// Limits to plan with, where no safeguard lifts them. More than 32 runs at a time end the process, and a run
+/// with a time-out takes two threads, the second one for the whole time-out. If that second thread isn't to
+/// be had, the run is lost: the function isn't called, the refusal is logged, and the task stays TASK_RUNNING
+/// for ever and never runs again. Every run leaves some hundred bytes behind until the process ends. With
+/// kWaitForThread a due task waits for a thread, the longest overdue first, and a run whose watch finds none
+/// goes unwatched; with kWatchTimeouts a time-out is declared when it is over, and the second thread is free
+/// when the run ends.
 class KRO_API PeriodicTaskManager : public std::enable_shared_from_this<PeriodicTaskManager>
 {
 public:
@@ -89,9 +90,9 @@ public:
     /// @param name     for the listing and the pool's thread; need not be unique.
     /// @param period   at least 1 ms, from one hand-over to the next.
     /// @param func     runs on a pool thread, never twice at a time.
-    /// @param timeout  of one run; 0 or less for none. Without kWatchTimeouts it is looked at once, when a run begins: only if the
-    ///                 watch gets its thread after the time-out has passed is the run found to be late, and
-    ///                 its task never runs again. The function goes on in any case.
+    /// @param timeout  of one run; 0 or less for none. Without kWatchTimeouts it is looked at once, when a run
+    ///                 begins: only if the watch gets its thread after the time-out has passed is the run found
+    ///                 to be late, and its task never runs again. The function goes on in any case.
     /// @return the task's id, from 1 up; 0 if the period or the function is refused, which is logged.
     /// @throws std::system_error if the table's mutex can't be locked.
     unsigned int registerTask(std::string& name, std::chrono::milliseconds period, std::function<void()> func,

@@ -10,9 +10,9 @@
 
 namespace kro::detail
 {
-/// An accepted connection that asks the system for no more than it needs. To POCO's classes it is as any other:
-/// but its wait for a request is the receiving of it, where POCO's takes five calls for the two, and what has
-/// been received may be looked at before anybody reads it. Of one thread.
+/// An accepted connection that asks the system for no more than it needs. To POCO's classes it is as any
+/// other: but its wait for a request is the receiving of it, where POCO's takes five calls for the two, and
+/// what has been received may be looked at before anybody reads it. Of one thread.
 class ServedSocket : public Poco::Net::StreamSocketImpl
 {
 public:

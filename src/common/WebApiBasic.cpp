@@ -214,8 +214,8 @@ void sendResult(HTTPServerResponse& response, const Poco::JSON::Object& result)
     sendWhole(response, detail::jsonText(result));
 }
 
-/// The answer to a request that has thrown; with nothing of the exception in it, which may tell of the inside.
-/// Called in the handler of the exception.
+/// The answer to a request that has thrown; with nothing of the exception in it, which may tell of the
+/// inside. Called in the handler of the exception.
 void answerFailure(HTTPServerRequest& request, HTTPServerResponse& response)
 {
     if (response.sent()) {
@@ -248,8 +248,8 @@ void skipRest(HTTPServerRequest& request, HTTPServerResponse& response)
     if (!body.eof()) response.setKeepAlive(false);
 }
 
-/// Answers 413 and ends the connection, since the rest of the body stands in it. That rest is thrown away for a
-/// moment: a client that is still sending would be cut off before it has read the answer.
+/// Answers 413 and ends the connection, since the rest of the body stands in it. That rest is thrown away for
+/// a moment: a client that is still sending would be cut off before it has read the answer.
 void refuseBody(HTTPServerRequest& request, HTTPServerResponse& response)
 {
     const std::string json = makeJsonDefault(-1, "request body too large");
@@ -393,9 +393,9 @@ void WebApiBasic::admit(HTTPServerRequest& request, HTTPServerResponse& response
         dispatch(request, response);
         return;
     }
-    // Safeguard: POCO's stream of chunks knows no end once it is over, and reads on in the next request; and one
-    // without a length and without chunks lasts to the end of the connection, where there is no body at all.
-    // It costs a copy of a chunked body.
+    // Safeguard: POCO's stream of chunks knows no end once it is over, and reads on in the next request; and
+    // one without a length and without chunks lasts to the end of the connection, where there is no body at
+    // all. It costs a copy of a chunked body.
     std::string body;
     while (is_chunked && request.stream()) {
         char part[16384];
@@ -471,8 +471,8 @@ void WebApiBasic::apiRegist(std::string uri, ApiBodyHandler handler)
           [this, handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
                                                const ApiParams& params) {
               announceJson(response);
-              // Settled: a body that is no JSON object is an exception, logged once by the dispatcher, and not
-              // bodyNotFound().
+              // Settled: a body that is no JSON object is an exception, logged once by the dispatcher, and
+              // not bodyNotFound().
               const auto body = readingInput(response, [&] {
                   Poco::JSON::Parser parser(new Poco::JSON::ParseHandler);
                   parser.parse(request.stream());

@@ -51,11 +51,12 @@ using ApiBodyHandler =
 /// Of a body that nobody has read, POCO takes what is left for the next request of the connection. So a
 /// handler that does not want a body either reads it or calls response.setKeepAlive(false) before it answers.
 ///
-/// With kAnswerAlways every request is answered in JSON with its length, in one send: an exception with 400 if the
-/// URI, the query or a JSON body can't be read, and 500 otherwise, "code" being -1 in either case; a handler that
-/// has written nothing with apiSuccess(). Only an exception that comes after an answer has begun ends the
-/// connection. What is left of a body is skipped. With kBoundedRequests a body of more than 8 MiB gets 413
-/// before a handler sees it, and ends the connection; a chunked one up to that is read before the handler runs.
+/// With kAnswerAlways every request is answered in JSON with its length, in one send: an exception with 400
+/// if the URI, the query or a JSON body can't be read, and 500 otherwise, "code" being -1 in either case; a
+/// handler that has written nothing with apiSuccess(). Only an exception that comes after an answer has begun
+/// ends the connection. What is left of a body is skipped. With kBoundedRequests a body of more than 8 MiB
+/// gets 413 before a handler sees it, and ends the connection; a chunked one up to that is read before the
+/// handler runs.
 ///
 /// instance() and apiRegist() may be called from any thread, while requests are served, too. start() and
 /// stop() belong to one thread at a time.
