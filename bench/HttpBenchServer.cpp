@@ -20,6 +20,7 @@
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/StreamCopier.h>
 
+#include "Safeguards.h"
 #include "WebApiBasic.h"
 
 #ifdef KRO_BENCH_HTTPLIB
@@ -50,8 +51,9 @@ Poco::Net::ServerSocket listening()
 class RegisteredApi : public Server
 {
 public:
-    RegisteredApi()
+    explicit RegisteredApi(unsigned safeguards)
     {
+        kro::setSafeguards(safeguards);
         kro::WebApiBasic::instance()->apiRegist(
             kPath, [](Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&, const kro::ApiParams&,
                       Poco::JSON::Object& result) {
@@ -134,7 +136,8 @@ using Maker = std::function<std::unique_ptr<Server>()>;
 const std::map<std::string, Maker>& kinds()
 {
     static const std::map<std::string, Maker> all = {
-        {"registered", [] { return std::make_unique<RegisteredApi>(); }},
+        {"registered", [] { return std::make_unique<RegisteredApi>(0); }},
+        {"guarded", [] { return std::make_unique<RegisteredApi>(kro::kAllSafeguards); }},
         {"bare", [] { return std::make_unique<BarePoco>(); }},
 #ifdef KRO_BENCH_HTTPLIB
         {"cpp-httplib", [] { return std::make_unique<CppHttplib>(); }},
