@@ -5,8 +5,10 @@
 //
 //     InboundBench --check                             each candidate for an instant
 //     InboundBench --candidates                        their names
-//     InboundBench CANDIDATE [--qos Q] [--bytes B] [--messages N] [--window W] [--step S]
-//                                                      S: also the figures of each S messages, for a curve
+//     InboundBench CANDIDATE [--qos Q] [--bytes B] [--messages N] [--window W] [--step S] [--bulk]
+//                                                      S: the figures of each S messages instead, for a curve
+//                                                      bulk: as many messages in a segment as the window allows;
+//                                                      else one, as a broker sends them
 //     InboundBench CANDIDATE --latency [--qos Q] [--bytes B] [--messages N]
 //                                                      1,000 messages a second behind a real broker
 //
@@ -45,6 +47,7 @@ struct Options
     std::size_t messages = 20000;
     std::size_t window = 16;
     std::size_t step = 0;
+    bool bulk = false;
     bool latency = false;
 };
 
@@ -136,14 +139,16 @@ bool measureRate(const std::string& candidate, const Options& options)
 {
     MqttWire wire;
     const std::string uri = wire.listen();
+    const auto start = Clock::now();
     const SubscriberProcess subscriber(candidate, uri, options);
     wire.acceptOne();
     while (!wire.subscribed)
         if (!wire.serve(true)) return false;
+    tell("start", "from main to subscribed", "one client", candidate, secondsSince(start) * 1e3, "ms");
 
     const std::string packet = MqttWire::publishPacket(kTopic, std::string(options.bytes, 'x'), options.qos);
-    const std::size_t batch =
-        std::clamp<std::size_t>((256 << 10) / packet.size(), 1, std::max<std::size_t>(options.window / 2, 1));
+    const std::size_t most = options.bulk ? std::max<std::size_t>(options.window / 2, 1) : 1;
+    const std::size_t batch = std::clamp<std::size_t>((256 << 10) / packet.size(), 1, most);
     std::string packets;
     for (std::size_t i = 0; i < batch; ++i) packets += packet;
     const std::size_t id_offset = MqttWire::idOffset(kTopic, options.bytes);
@@ -192,7 +197,8 @@ bool measureRate(const std::string& candidate, const Options& options)
         sent += room;
     }
     mark();
-    const std::string where = describe(options) + ", window " + std::to_string(options.window);
+    const std::string where =
+        describe(options) + ", window " + std::to_string(options.window) + (options.bulk ? ", in bulk" : "");
     const auto messages = static_cast<double>(options.messages);
     const bool whole = subscriber.handled() >= options.messages;
     tell("inbound", "ended early", where, candidate, whole ? 0 : 1, "runs");
@@ -291,8 +297,8 @@ int main(int argc, char** argv)
     bool good = subscribers().count(candidate) > 0;
     for (std::size_t i = 1; good && i < arguments.size(); ++i) {
         const std::string& name = arguments[i];
-        if (name == "--latency") {
-            options.latency = true;
+        if (name == "--latency" || name == "--bulk") {
+            (name == "--latency" ? options.latency : options.bulk) = true;
             continue;
         }
         const std::size_t value =
