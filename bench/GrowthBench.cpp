@@ -2,7 +2,8 @@
 // payload and queue; of a pass over the periodic tasks with their number; and the memory of clients and of
 // waiting messages. Paho is a fake that costs next to nothing, so these are the library's own costs.
 //
-//     GrowthBench [--guarded] [--instant]     instant: only short curves, to show that it runs
+//     GrowthBench [--guarded] [--budget SECONDS] [--instant]
+//         budget: time for one point; instant: only short curves, to show that it runs
 //
 // Every point is taken in a process of its own: what one leaves behind is not the next one's.
 #include <malloc.h>
@@ -188,7 +189,7 @@ void clients(int count)
     tell("memory", "of a client", "Paho left out", s_candidate, (residentBytes() - resident_before) / count,
          "bytes", count);
     const std::string content(64, 'x');
-    const std::size_t most = s_budget < 0.1 ? 200 : 10000;
+    const std::size_t most = s_budget < 0.01 ? 200 : 10000;
     const auto begin = Clock::now();
     for (std::size_t sent = 0; sent < most; ++sent) {
         while (sent - s_handled >= kWindow) std::this_thread::yield();
@@ -275,8 +276,10 @@ int main(int argc, char** argv)
         } else if (std::strcmp(argv[i], "--guarded") == 0) {
             kro::setSafeguards(kro::kAllSafeguards);
             s_candidate = "guarded";
+        } else if (std::strcmp(argv[i], "--budget") == 0 && i + 1 < argc) {
+            s_budget = std::atof(argv[++i]);
         } else {
-            std::fprintf(stderr, "usage: GrowthBench [--guarded] [--instant]\n");
+            std::fprintf(stderr, "usage: GrowthBench [--guarded] [--budget SECONDS] [--instant]\n");
             return 2;
         }
     }

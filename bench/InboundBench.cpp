@@ -193,7 +193,7 @@ bool measureRate(const std::string& candidate, const Options& options)
                 packets[i * packet.size() + id_offset + 1] = static_cast<char>(id);
             }
         }
-        wire.send(packets.data(), room * packet.size());
+        if (!wire.send(packets.data(), room * packet.size())) break;
         sent += room;
     }
     mark();

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -118,14 +119,15 @@ std::size_t MqttWire::idOffset(const std::string& topic, std::size_t payload_byt
     return publishPacket(topic, std::string(payload_bytes, 'x'), 1).size() - payload_bytes - 2;
 }
 
-void MqttWire::send(const char* data, std::size_t bytes)
+bool MqttWire::send(const char* data, std::size_t bytes)
 {
     while (bytes > 0) {
         const ssize_t sent = ::send(peer, data, bytes, MSG_NOSIGNAL);
-        if (sent <= 0) giveUp("send");
+        if (sent <= 0) return false;
         data += sent;
         bytes -= static_cast<std::size_t>(sent);
     }
+    return true;
 }
 
 void MqttWire::answer(unsigned char type, const unsigned char* body, std::size_t length)
@@ -141,7 +143,7 @@ bool MqttWire::serve(bool wait)
     const ssize_t got = recv(peer, chunk, sizeof chunk, wait ? 0 : MSG_DONTWAIT);
     const int on = 1;  // or a client that sends small packets without TCP_NODELAY waits 40 ms for the kernel
     setsockopt(peer, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-    if (got < 0) return !wait;
+    if (got < 0) return errno == EAGAIN || errno == EINTR;
     if (got == 0) return false;
     unread.append(chunk, static_cast<std::size_t>(got));
     std::size_t at = 0;

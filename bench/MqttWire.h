@@ -8,7 +8,7 @@
 namespace kro::bench
 {
 /// One end of an MQTT 3.1.1 connection on a socket of its own, with as little between the caller and the kernel
-/// as can be: no thread, no queue. Ends the process when the other end fails. For one thread.
+/// as can be: no thread, no queue. Ends the process when it can't be set up. For one thread.
 class MqttWire
 {
 public:
@@ -28,7 +28,8 @@ public:
     static std::string publishPacket(const std::string& topic, const std::string& payload, int qos);
     static std::size_t idOffset(const std::string& topic, std::size_t payload_bytes);
 
-    void send(const char* data, std::size_t bytes);  ///< blocks until the kernel has it
+    /// Blocks until the kernel has it. @return false if the other end has gone.
+    bool send(const char* data, std::size_t bytes);
     /// Reads what has arrived and does what is to be done: answers connects, subscriptions, pings and
     /// publishes at QoS 1, and counts.
     /// @param wait  for at least something.
