@@ -88,7 +88,7 @@ def inbound(figures, quick, rounds):
         for qos in (0, 1):
             if quick and size > 64 and qos > 0:
                 continue
-            messages = 2000 if size > 1024 else 20000
+            messages = 2000 if size > 1024 else 8000 if quick else 20000
             # A full pool ends the settled process, so it gets a narrow window, and all others too; those that
             # can take more get a wide one as well.
             for window, left_out in ((16, ()), (1000, ("settled",))):
@@ -99,7 +99,7 @@ def inbound(figures, quick, rounds):
             if size == 64 and not quick:
                 commands += [[programs[name], name, "--qos", qos, "--window", 16, "--bulk"] for name in programs]
     in_turns(rounds, commands, figures.run)
-    curve = [[programs[name], name, "--messages", 100000 if quick else 200000, "--step", 10000 if quick else 20000,
+    curve = [[programs[name], name, "--messages", 60000 if quick else 200000, "--step", 20000,
               "--window", 8] for name in ("Paho", "settled", "guarded")]
     in_turns(1 if quick else rounds, curve, figures.run)
 

@@ -12,6 +12,7 @@ BEGIN, END = "<!-- figures: begin, written by bench/run -->", "<!-- figures: end
 # What the figures of a road are held against: the first of these that was measured in the same circumstances.
 LIMITS = {"inbound": ["Paho"], "latency": ["Paho"], "publishing": ["Paho"], "start": ["Paho"],
           "http": ["bare POCO", "raw socket"], "logging": ["floor"], "crc": ["zlib"]}
+COUNTS = ["threads put to sleep"]  # figures of which a ratio says nothing
 ORDER = ["Paho", "settled", "guarded", "library", "one copy", "floor", "bare POCO", "raw socket"]
 COLOURS = {"settled": "#d1495b", "guarded": "#2e7d5b", "library": "#2e7d5b"}
 GREYS = ["#30343f", "#8a8d91", "#b9bcc2", "#60656f", "#d5d7da"]
@@ -51,6 +52,8 @@ def groups(road, entries):
             found.setdefault((entry["figure"], entry["where"], entry["unit"]), {})[entry["candidate"]] = entry
     for key, by_name in found.items():
         limit = next((by_name[name] for name in LIMITS.get(road, []) if name in by_name), None)
+        if key[0] in COUNTS:
+            limit = None
         yield key, dict(sorted(by_name.items(), key=lambda item: rank(item[0]))), limit
 
 
@@ -126,34 +129,43 @@ def colour(name, taken):
 
 
 def plot_bars(pyplot, road, rows, path):
-    """One bar for each candidate, its ratio to the limit, with the lowest and highest round."""
-    rows = [row for row in rows if row[2] is not None and len(row[1]) > 1]
-    if not rows:
-        return
-    names = sorted({name for _, by_name, _ in rows for name in by_name}, key=lambda name: (rank(name), name))
-    taken = {}
-    figure, axes = pyplot.subplots(figsize=(9, 0.9 + 0.2 * sum(len(row[1]) + 1 for row in rows)))
-    place, ticks = 0, []
+    """One bar for each candidate, its ratio to the limit, with the lowest and highest round; a picture a figure."""
+    pictures = {}
     for (what, where, _), by_name, limit in rows:
-        begin = place
-        for name in names:
-            found = ratios(by_name[name], limit) if name in by_name else []
-            if not found:
-                continue
-            middle = statistics.median(found)
-            axes.barh(place, middle, height=0.9, color=colour(name, taken), label=name,
-                      xerr=[[middle - min(found)], [max(found) - middle]],
-                      error_kw={"lw": 0.8, "ecolor": "#00000090"})
+        if limit is not None and len(by_name) > 1:
+            pictures.setdefault(what, []).append((where, by_name, limit))
+    if not pictures:
+        return
+    heights = [1.5 + sum(len(by_name) + 1 for _, by_name, _ in rows) for rows in pictures.values()]
+    figure, grid = pyplot.subplots(len(pictures), 1, squeeze=False, figsize=(8, 0.15 * sum(heights) + 0.8),
+                                   height_ratios=heights)
+    taken = {}
+    for axes, (what, rows) in zip(grid.flat, pictures.items()):
+        place, ticks, shown = 0, [], []
+        for where, by_name, limit in rows:
+            begin = place
+            for name, entry in by_name.items():
+                found = ratios(entry, limit)
+                if found:
+                    middle = statistics.median(found)
+                    shown.append(middle)
+                    axes.barh(place, middle, height=0.9, color=colour(name, taken), label=name,
+                              xerr=[[middle - min(found)], [max(found) - middle]],
+                              error_kw={"lw": 0.8, "ecolor": "#00000090"})
+                    place += 1
+            ticks.append(((begin + place - 1) / 2, where))
             place += 1
-        ticks.append(((begin + place - 1) / 2, f"{what}\n{where}"))
-        place += 1
-    axes.set_yticks([tick for tick, _ in ticks], [label for _, label in ticks], fontsize=7)
-    axes.invert_yaxis()
-    axes.axvline(1, color="#00000080", lw=0.8, ls="--")
-    axes.set_xlabel("of the limit in the same round (rates: more is better; costs and times: less)")
-    axes.set_title(TITLES.get(road, road))
-    handles = dict(zip(*reversed(axes.get_legend_handles_labels())))
-    axes.legend(handles.values(), handles.keys(), fontsize=7)
+        axes.set_yticks([tick for tick, _ in ticks], [label for _, label in ticks], fontsize=7)
+        axes.tick_params(axis="x", labelsize=7)
+        axes.invert_yaxis()
+        axes.axvline(1, color="#00000080", lw=0.8, ls="--")
+        if max(shown) > 15:
+            axes.set_xscale("log")
+        better = "more" if what.startswith(("rate", "lines")) else "less"
+        axes.set_title(f"{what}, of the limit in the same round ({better} is better)", fontsize=8, loc="left")
+        legend = dict(zip(*reversed(axes.get_legend_handles_labels())))
+        axes.legend(legend.values(), legend.keys(), fontsize=6, loc="lower right")
+    figure.suptitle(TITLES.get(road, road))
     figure.tight_layout()
     figure.savefig(path, metadata={"Date": None})
     pyplot.close(figure)
