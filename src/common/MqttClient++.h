@@ -175,6 +175,7 @@ private:
     void Connect_l();  // on the control thread
     void Attempt_l();  // on a pool thread; takes client_mutex
     void ScheduleReconnect(const std::string& reason);
+    void StartOver_l(const std::string& reason);  // schedules what ends without an answer from Paho
     void Resubscribe_l(const std::weak_ptr<MqttClient>& weak);              // on the control thread
     void Reconnect_l(const std::weak_ptr<MqttClient>& weak, int delay_ms);  // on the control thread
     void Subscribe_l(const MessageHandler& handler, const std::string& topic, int qos);  // takes client_mutex
@@ -186,6 +187,7 @@ private:
     static int OnMessageArrived(void* context, char* topicName, int topicLen, MQTTAsync_message* message);
     static void OnPublishSuccess(void* context, MQTTAsync_successData* response);
     static void OnPublishFailure(void* context, MQTTAsync_failureData* response);
+    static void OnResubscribeFailure(void* context, MQTTAsync_failureData* response);
 
     std::unique_ptr<Impl> impl;
 };

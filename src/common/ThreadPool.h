@@ -22,11 +22,11 @@ namespace kro
 ///
 /// Only a pool that a std::shared_ptr owns gives a task's captures back when the task has ended. Any other
 /// pool (a member, a Poco::SharedPtr) keeps every task that it ever ran, captures included, until it is
-/// destroyed.
+/// destroyed. With kReleaseAdapters every pool gives them back.
 ///
 /// Thread-safe. A captured object whose destructor starts a task on the same pool blocks for ever: captures
-/// are destroyed on the pool's thread with the pool's own mutex held. Stop feeding a pool and let its tasks
-/// end before you destroy it.
+/// are destroyed on the pool's thread with the pool's own mutex held (with kReleaseAdapters without it). Stop
+/// feeding a pool and let its tasks end before you destroy it.
 class KRO_API ThreadPool : public Poco::ThreadPool, public std::enable_shared_from_this<ThreadPool>
 {
 public:
@@ -69,8 +69,12 @@ private:
         void run() override;
 
     private:
+        friend class ThreadPool;
+        void runTask() const;
+
         std::function<void()> task;      // may be empty
         std::weak_ptr<ThreadPool> pool;  // empty when no std::shared_ptr owns the pool
+        bool releases_itself = false;    // in no list: goes at the end of its run
     };
 
     template <typename HandOver>
