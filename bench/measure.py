@@ -22,7 +22,7 @@ import report
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.path.join(os.path.dirname(HERE), "build", "release")
 PRIVATE_DIRS = os.path.join(os.path.dirname(HERE), "tests", "support", "private_dirs")
-ROADS = ["inbound", "latency", "growth", "publishing", "logging", "http", "crc", "start", "memory"]
+ROADS = ["inbound", "latency", "growth", "publishing", "logging", "http", "crc", "start", "life", "memory"]
 
 
 def program(name):
@@ -197,6 +197,10 @@ def start(figures, _quick, rounds):
     """The inbound programs tell how long they took to subscribe."""
     programs = inbound_candidates()
     in_turns(2 * rounds, [[programs[name], name, "--messages", 10] for name in programs], figures.run)
+
+
+def life(figures, _quick, rounds):
+    in_turns(rounds, [[program("LifeBench")], [program("LifeBench"), "--guarded"]], figures.run)
 
 
 def free_port():

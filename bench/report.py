@@ -11,13 +11,15 @@ BEGIN, END = "<!-- figures: begin, written by bench/run -->", "<!-- figures: end
 
 # What the figures of a road are held against: the first of these that was measured in the same circumstances.
 LIMITS = {"inbound": ["Paho"], "latency": ["Paho"], "publishing": ["Paho"], "start": ["Paho"],
-          "http": ["bare POCO", "raw socket"], "logging": ["floor"], "crc": ["zlib"]}
+          "http": ["bare POCO", "raw socket"], "logging": ["floor"], "crc": ["zlib"],
+          "life": ["settled"]}
 COUNTS = ["threads put to sleep"]  # figures of which a ratio says nothing
 ORDER = ["Paho", "settled", "guarded", "library", "one copy", "floor", "bare POCO", "raw socket"]
 COLOURS = {"settled": "#d1495b", "guarded": "#2e7d5b", "library": "#2e7d5b"}
 GREYS = ["#30343f", "#8a8d91", "#b9bcc2", "#60656f", "#d5d7da"]
 TITLES = {"inbound": "From the wire to a handler", "latency": "Latency", "publishing": "Publishing",
-          "http": "HTTP", "logging": "Logging", "crc": "CRC-32", "start": "Start", "memory": "Memory"}
+          "http": "HTTP", "logging": "Logging", "crc": "CRC-32", "start": "Start",
+          "life": "Recovery and end of a client", "periodic tasks": "Periodic tasks", "memory": "Memory"}
 
 
 def read():
