@@ -50,6 +50,7 @@ class Figures:
             print(f"  {' '.join(map(str, command))} ended with {done.returncode}", file=sys.stderr)
 
     def write(self, directory, quick):
+        """Of what stands there already it keeps the circumstances that were not measured anew."""
         os.makedirs(directory, exist_ok=True)
         roads = collections.defaultdict(list)
         for (road, figure, where, candidate, unit, x), rounds in self.values.items():
@@ -60,6 +61,11 @@ class Figures:
             roads[road].append(entry)
         for road, entries in roads.items():
             path = os.path.join(directory, road.replace(" ", "_") + ".json")
+            if os.path.exists(path):
+                fresh = {(entry["figure"], entry["where"]) for entry in entries}
+                with open(path, encoding="utf-8") as file:
+                    entries = [entry for entry in json.load(file)["figures"]
+                               if (entry["figure"], entry["where"]) not in fresh] + entries
             with open(path, "w", encoding="utf-8") as file:
                 file.write('{"road": %s, "quick": %s, "figures": [\n' % (json.dumps(road), json.dumps(quick)))
                 file.write(",\n".join(json.dumps(entry) for entry in entries) + "\n]}\n")
@@ -261,13 +267,16 @@ def main():
     unknown = set(options.roads) - set(ROADS)
     if unknown:
         parser.error(f"no such road: {' '.join(unknown)}")
+    results = os.path.join(HERE, "results")
+    if not options.roads:
+        shutil.rmtree(results, ignore_errors=True)
     figures = Figures()
     for road in options.roads or ROADS:
         begin = time.monotonic()
         print(f"{road} ...", end=" ", flush=True)
         globals()[road](figures, options.quick, 3 if options.quick else 5)
         print(f"{time.monotonic() - begin:.0f} s", flush=True)
-    figures.write(os.path.join(HERE, "results"), options.quick)
+        figures.write(results, options.quick)
     report.main()
 
 
