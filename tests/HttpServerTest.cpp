@@ -210,7 +210,7 @@ TEST_F(HttpServerTest, EndsAConnectionThatIsIdleTooLongBesideOneThatIsNot)
 {
     for (const unsigned bits : {0u, unsigned{kAnswerAlways}}) {
         const test::WithSafeguards guarded(bits);
-        Poco::AutoPtr<Poco::Net::HTTPServerParams> params(new Poco::Net::HTTPServerParams);
+        auto* const params = new Poco::Net::HTTPServerParams;
         params->setKeepAliveTimeout(Poco::Timespan(0, 300'000));
         const auto server = HttpServer::createInstance(socket, params, echo);
         server->start();
