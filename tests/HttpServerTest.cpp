@@ -8,6 +8,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include <Poco/ErrorHandler.h>
 #include <Poco/Exception.h>
@@ -203,6 +204,33 @@ TEST_F(HttpServerTest, ServesAPlainRequestToTheByteAsPocoDoes)
                 EXPECT_EQ(reply(method, uri, more), reply(method, uri, std::string("Expect: no\r\n") + more));
             }
     server->stop();
+}
+
+TEST_F(HttpServerTest, EndsAConnectionThatIsIdleTooLongBesideOneThatIsNot)
+{
+    for (const unsigned bits : {0u, unsigned{kAnswerAlways}}) {
+        const test::WithSafeguards guarded(bits);
+        auto* const params = new Poco::Net::HTTPServerParams;
+        params->setKeepAliveTimeout(Poco::Timespan(0, 300'000));
+        const auto server = HttpServer::createInstance(socket, params, echo);
+        server->start();
+        for (const bool beside : {false, true}) {
+            Peer idle(socket.address().port());
+            idle.send(test::get("/a"));
+            EXPECT_EQ(test::bodyOf(idle.message()), "GET /a");
+            std::atomic<bool> over{false};
+            std::thread other([&, peer = Peer(socket.address().port())]() mutable {
+                while (beside && !over) {
+                    peer.send(test::get("/b"));
+                    EXPECT_EQ(test::bodyOf(peer.message()), "GET /b");
+                }
+            });
+            EXPECT_EQ(idle.rest(), "");
+            over = true;
+            other.join();
+        }
+        server->stop();
+    }
 }
 
 TEST_F(HttpServerTest, TakesRequestsInPiecesAndSeveralAtOnce)

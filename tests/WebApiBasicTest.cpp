@@ -300,7 +300,14 @@ TEST_F(WebApiBasicTest, ForgetsEverythingAtStopAndStartsAgainAHundredTimes)
     }
 }
 
-TEST_F(WebApiBasicTest, FinishesRequestsInFlightAfterStopAndFreesTheirHandlersThen)
+/// What concerns threads and lifetimes: the connections are POCO's or ours.
+class WebApiLifetimeTest : public WebApiBasicTest, public testing::WithParamInterface<unsigned>
+{
+    const test::WithSafeguards guarded{GetParam()};
+};
+INSTANTIATE_TEST_SUITE_P(SettledAndGuarded, WebApiLifetimeTest, testing::Values(0u, kAllSafeguards));
+
+TEST_P(WebApiLifetimeTest, FinishesRequestsInFlightAfterStopAndFreesTheirHandlersThen)
 {
     std::promise<void> over;
     std::atomic<int> arrived{0};
@@ -328,7 +335,7 @@ TEST_F(WebApiBasicTest, FinishesRequestsInFlightAfterStopAndFreesTheirHandlersTh
     EXPECT_EQ(test::bodyOf(peers[0].message()), kNotFound) << "a kept connection outlives the server";
 }
 
-TEST_F(WebApiBasicTest, RegistersAndStopsUnderKeptConnectionsThatNeverPauseAndFromAHandler)
+TEST_P(WebApiLifetimeTest, RegistersAndStopsUnderKeptConnectionsThatNeverPauseAndFromAHandler)
 {
     std::atomic<bool> over{false};
     std::atomic<int> served{0};
@@ -432,7 +439,7 @@ TEST_F(WebApiBasicTest, ServesOthersBesideAClientThatSendsAByteASecond)
     EXPECT_EQ(test::bodyOf(slow.message()), "GET x=1");
 }
 
-TEST_F(WebApiBasicTest, AnswersOfTwoHundredConnectionsAtOnceAsManyAsPocoTakesAndClosesTheRest)
+TEST_P(WebApiLifetimeTest, AnswersOfTwoHundredConnectionsAtOnceAsManyAsPocoTakesAndClosesTheRest)
 {
     constexpr std::size_t kThreads = 16;
     constexpr std::size_t kQueue = 64;

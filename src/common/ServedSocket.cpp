@@ -1,5 +1,6 @@
 #include "ServedSocket.h"
 
+#include <sched.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -8,6 +9,10 @@
 
 namespace kro::detail
 {
+namespace
+{
+constexpr int kLooksBeforeSleep = 2;  // each costs an idle connection about half a microsecond
+}
 
 ServedSocket::ServedSocket(const Poco::Net::StreamSocket& accepted)
     : Poco::Net::StreamSocketImpl(accepted.impl()->sockfd()),
@@ -38,9 +43,20 @@ bool ServedSocket::poll(const Poco::Timespan& timeout, int mode)
 {
     if (mode != SELECT_READ || timeout <= 0) return StreamSocketImpl::poll(timeout, mode);
     if (begin < end || over) return true;
+    // A busy client's next request is near: letting the other threads run meanwhile is cheaper than going to
+    // sleep and being woken.
+    for (int look = 0; look < kLooksBeforeSleep; ++look) {
+        if (receive(MSG_DONTWAIT)) return true;
+        sched_yield();
+    }
     waitAtMost(timeout);
+    return receive(0);
+}
+
+bool ServedSocket::receive(int flags)
+{
     ssize_t count = 0;
-    do count = ::recv(sockfd(), received, sizeof received, 0);
+    do count = ::recv(sockfd(), received, sizeof received, flags);
     while (count < 0 && errno == EINTR);
     if (count < 0 && errno == EAGAIN) return false;
     over = count <= 0;

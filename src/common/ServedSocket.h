@@ -34,6 +34,7 @@ protected:
     ~ServedSocket() override;
 
 private:
+    bool receive(int flags);  // into `received`; false if nothing has come in time
     void waitAtMost(const Poco::Timespan& timeout);
 
     Poco::Net::StreamSocket owner;  // of the descriptor, and who closes it
