@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -13,6 +14,7 @@
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/MqttClientAccess.h"
+#include "support/WithSafeguards.h"
 
 namespace kro
 {
@@ -197,6 +199,120 @@ TEST_F(MqttBrokerTest, DisconnectsAndConnectsAgainOnRequest)
         return eventually([&] { return link.client->IsConnected(); }, 500ms);
     }));
     EXPECT_EQ(link.losses, 0);
+}
+
+// ---- With all safeguards ----
+
+class GuardedMqttBrokerTest : public MqttBrokerTest
+{
+protected:
+    static std::size_t openFiles()
+    {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    }
+    test::WithSafeguards all{kAllSafeguards};
+};
+
+TEST_F(GuardedMqttBrokerTest, LosesNothingOfAFloodUncountedAndReleasesAll)
+{
+    constexpr std::size_t kMessages = 100000;  // for each of two clients
+    std::atomic<std::size_t> handled{0};
+    {
+        Link one(broker, "one"), two(broker, "two");
+        for (Link* const link : {&one, &two}) {
+            ASSERT_TRUE(eventually([&] { return link->client->IsConnected(); }));
+            link->client->Subscribe(
+                [&](MQTTAsync_message*, const std::string&) {
+                    std::this_thread::sleep_for(1ms);
+                    ++handled;
+                },
+                "flood", 1);
+        }
+        ASSERT_TRUE(eventually(
+            [&] { return log.count(information("Success to subscribe topic flood, return code 0")) == 2; }));
+        broker.run("mosquitto_pub", "-q 1 -t flood -m x --repeat " + std::to_string(kMessages));
+        EXPECT_TRUE(eventually(
+            [&] {
+                return handled + one.client->GetDroppedMessages() + two.client->GetDroppedMessages() ==
+                       2 * kMessages;
+            },
+            150s))
+            << handled;
+        for (Link* const link : {&one, &two}) EXPECT_EQ(link->client->GetMemoryUsage(), 0u);
+        EXPECT_LE(log.countPrefix("exception: "), 0u) << "the pool had a thread for each place";
+    }
+    EXPECT_TRUE(eventually([] { return MqttClientTestAccess::busyThreads() == 0; }));
+}
+
+TEST_F(GuardedMqttBrokerTest, OutlivesFiftyRestartsOfTheBrokerUnderLoad)
+{
+    std::atomic<int> got{0};
+    const std::size_t files_before = openFiles();
+    {
+        Link link(broker, "phoenix");
+        link.client->Subscribe([&](MQTTAsync_message*, const std::string&) { ++got; }, "load/#", 1);
+        std::atomic<bool> publishing{true};
+        std::thread load([&] {
+            for (int i = 0; publishing; ++i)
+                if (!link.client->PublishMessage("x", "load/" + std::to_string(i % 7), i % 3, 0, 0) ||
+                    i % 100 == 0)
+                    std::this_thread::sleep_for(1ms);
+        });
+        for (int i = 0; i < 50; ++i) {
+            const int before = got;
+            EXPECT_TRUE(eventually([&] { return got > before; }, 90s)) << "restart " << i;
+            broker.kill();
+            broker.start();
+        }
+        publishing = false;
+        load.join();
+    }
+    EXPECT_EQ(log.count(information("Success to create async mqtt client")),
+              log.count(information("destroy mqtt client")));
+    EXPECT_TRUE(eventually([&] { return openFiles() <= files_before; })) << openFiles();
+}
+
+TEST_F(GuardedMqttBrokerTest, EndsAtAnyMomentWhileMessagesArrive)
+{
+    Link sender(broker, "sender");
+    ASSERT_TRUE(eventually([&] { return sender.client->IsConnected(); }));
+    // Paho notices a new connection when its thread comes back from waiting for the others, for up to a second.
+    sender.client->Subscribe([](MQTTAsync_message*, const std::string&) {}, "x/y", 0);
+    std::atomic<bool> publishing{true};
+    std::thread load([&] {
+        // No faster than Paho sends: it queues without a limit.
+        for (; publishing; std::this_thread::sleep_for(200us))
+            sender.client->PublishMessage("{}", "x/y", 0, 0, 0);
+    });
+    std::atomic<int> got{0};
+    for (int i = 0; i < 500; ++i) {
+        auto client = MqttClient::createInstance(broker.uri(), "short" + std::to_string(i), "user", "secret");
+        client->Connect([](int) { return true; }, [](const std::string&) { return true; });
+        client->Subscribe([&](const Poco::JSON::Object&, const std::string&) { ++got; }, "x/+", i % 3);
+        // At every step of its life: from before the attempt to the midst of the messages.
+        const int until = got + i % 5;
+        if (i % 3 > 0) {
+            EXPECT_TRUE(eventually([&] { return client->IsConnected(); })) << i;
+        }
+        if (i % 3 > 1) {
+            EXPECT_TRUE(eventually([&] { return got >= until; })) << i;
+        }
+    }
+    publishing = false;
+    load.join();
+    EXPECT_GT(got, 0);
+}
+
+TEST_F(GuardedMqttBrokerTest, ConnectsRightBehindADisconnect)
+{
+    Link link(broker, "visitor");
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(eventually([&] { return link.client->IsConnected(); }));
+        link.client->Disconnect();
+        link.client->Connect([](int) { return true; }, [](const std::string&) { return true; });
+    }
+    EXPECT_TRUE(eventually([&] { return link.client->IsConnected(); }));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "Backoff.h"
 #include "Logger.h"
 #include "MqttClientImpl.h"
+#include "Safeguards.h"
 #include "ThreadName.h"
 #include "ThreadPool.h"
 #include "TopicFilter.h"
@@ -74,6 +75,94 @@ std::size_t unsignedLength(int payloadlen)
     return static_cast<std::size_t>(static_cast<std::int64_t>(payloadlen));
 }
 
+// At most 24 handlers of all clients are handed out, which leaves connecting and subscribing 8 of the pool's
+// 32 threads; a thread that has just ended a task counts as busy for another moment. Never freed: a handler
+// may run to the very end of the process.
+detail::HandlerPlaces& placesOfAllClients()
+{
+    static auto* const places = new detail::HandlerPlaces(24);
+    return *places;
+}
+
+// Makes and destroys the handles of the process one at a time: the end of the last one shuts Paho down, with Paho's
+// mutex open in between, and a handle that is made at that moment goes down with it. Taken under client_mutex, never
+// on a thread of Paho's.
+std::mutex s_handles_mutex;
+MQTTAsync s_spare_handle = nullptr;  // guarded by it
+
+int makeHandle(MQTTAsync* handle, const char* uri, const char* client_id)
+{
+    const std::lock_guard<std::mutex> lock(s_handles_mutex);
+    return MQTTAsync_create(handle, uri, client_id, MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+}
+
+/// @param for_good  no other handle takes its place.
+void destroyHandle(MQTTAsync handle, bool for_good)
+{
+    const std::lock_guard<std::mutex> lock(s_handles_mutex);
+    // The last handle waits for Paho's threads to end, for up to a second. At the end of a client a spare one, never
+    // connected, spares it that. Before a reconnection the wait is shorter than what it saves: a thread of Paho's
+    // that was idle before looks at a new connection up to a second late, a new one at once.
+    if (safeguarded(kPromptTeardown) && for_good && s_spare_handle == nullptr)
+        MQTTAsync_create(&s_spare_handle, "tcp://127.0.0.1:1883", "spare", MQTTCLIENT_PERSISTENCE_NONE,
+                         nullptr);
+    if (!for_good && s_spare_handle != nullptr) MQTTAsync_destroy(&s_spare_handle);
+    MQTTAsync_destroy(&handle);
+}
+
+// How many handlers of one client are at work at one time, where the clients do not share their places.
+constexpr int MAX_IN_FLIGHT_HANDLERS = 64;
+
+/// Marks the calling thread for a scope: it is a client's own, or one of Paho's or the pool's at work for a
+/// client. No client can end there, since its end waits for these.
+class ClientThread
+{
+public:
+    ClientThread() : before(s_marked) { s_marked = true; }
+    ~ClientThread() { s_marked = before; }
+    ClientThread(const ClientThread&) = delete;
+    ClientThread& operator=(const ClientThread&) = delete;
+    static bool isThis() { return s_marked; }
+
+private:
+    static thread_local bool s_marked;
+    const bool before;
+};
+thread_local bool ClientThread::s_marked = false;
+
+/// Ends clients on threads made for it. The end of the process waits for those under way.
+class Retirement
+{
+public:
+    static void of(MqttClient* client)
+    {
+        static Retirement all;
+        const std::lock_guard<std::mutex> lock(all.mutex);
+        try {
+            std::thread([client] {
+                detail::nameThisThread("kro-mqtt-end");
+                delete client;
+                const std::lock_guard<std::mutex> end_lock(all.mutex);
+                --all.under_way;
+                all.ended.notify_all();
+            }).detach();
+            ++all.under_way;
+        } catch (const std::exception& e) {
+            KRO_LOG_ERROR("A client could not be ended and lives on: %s", std::string(e.what()));
+        }
+    }
+
+private:
+    ~Retirement()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ended.wait(lock, [this] { return under_way == 0; });
+    }
+    std::mutex mutex;  // guards under_way
+    std::condition_variable ended;
+    int under_way = 0;
+};
+
 }  // namespace
 
 // ---- The client object ----
@@ -89,8 +178,15 @@ std::shared_ptr<MqttClient> MqttClient::createInstance(std::string server_uri, s
                                                        std::string username, std::string password)
 {
     std::call_once(s_once_threadpool, [] { s_thread_pool = std::make_shared<ThreadPool>(1, 32, 60, 0); });
-    return std::shared_ptr<MqttClient>(new MqttClient(std::move(server_uri), std::move(client_id),
-                                                      std::move(username), std::move(password)));
+    auto* const client =
+        new MqttClient(std::move(server_uri), std::move(client_id), std::move(username), std::move(password));
+    if (!safeguarded(kSafeLifetime)) return std::shared_ptr<MqttClient>(client);
+    return std::shared_ptr<MqttClient>(client, [](MqttClient* last) {
+        if (ClientThread::isThis())
+            Retirement::of(last);
+        else
+            delete last;
+    });
 }
 
 MqttClient::MqttClient(std::string server_uri, std::string client_id, std::string username,
@@ -114,6 +210,10 @@ MqttClient::Impl::Impl(std::string uri, std::string id, std::string user, std::s
       client_id(std::move(id)),
       username(std::move(user)),
       password(std::move(pass)),
+      drains_in_place(safeguarded(kDrainInPlace)),
+      places(safeguarded(kWaitForThread) ? &placesOfAllClients()
+             : drains_in_place           ? &own_places.emplace(MAX_IN_FLIGHT_HANDLERS)
+                                         : nullptr),
       in_flight_handlers(std::make_shared<std::atomic<int>>(0))
 {
     StartControlThread();
@@ -129,6 +229,7 @@ void MqttClient::Impl::StartControlThread()
 
 void MqttClient::Impl::ControlLoop()
 {
+    const ClientThread mark;
     while (control_running) {
         std::unique_lock<std::mutex> lock(control_mutex);
         control_cv.wait(lock, [this] { return !control_tasks.empty() || !control_running; });
@@ -154,6 +255,7 @@ void MqttClient::Impl::PostControlTask(std::function<void()> task)
 
 void MqttClient::Impl::TellConnectResult(int code)
 {
+    const ClientThread mark;
     std::unique_lock<std::mutex> lock(control_mutex);
     const auto callback = connect_callback;  // a copy: the host may call Connect again from it
     lock.unlock();
@@ -162,6 +264,7 @@ void MqttClient::Impl::TellConnectResult(int code)
 
 void MqttClient::Impl::TellConnectionLost(const std::string& cause)
 {
+    const ClientThread mark;
     std::unique_lock<std::mutex> lock(control_mutex);
     const auto callback = connection_lost_callback;
     lock.unlock();
@@ -176,7 +279,10 @@ void MqttClient::Impl::StartMessageProcessor()
     processor_started = true;
     message_processor_thread = std::thread([this] {
         detail::nameThisThread("kro-mqtt-proc");
-        ProcessMessages();
+        if (places == nullptr)
+            ProcessMessages();
+        else
+            ProcessInPlaces();
     });
 }
 
@@ -274,8 +380,7 @@ void MqttClient::Create_l()
         return;
     }
     MQTTAsync handle = nullptr;
-    const int created = MQTTAsync_create(&handle, impl->server_uri.c_str(), impl->client_id.c_str(),
-                                         MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+    const int created = makeHandle(&handle, impl->server_uri.c_str(), impl->client_id.c_str());
     if (created != MQTTASYNC_SUCCESS) {
         KRO_LOG_ERROR("Failed to create async mqtt client, return code %d", created);
         impl->connection_state = Disconnected;
@@ -286,7 +391,7 @@ void MqttClient::Create_l()
     const int set = MQTTAsync_setCallbacks(handle, this, OnConnectionLost, OnMessageArrived, nullptr);
     if (set != MQTTASYNC_SUCCESS) {
         KRO_LOG_ERROR("Failed to set callbacks, return code %d", set);
-        MQTTAsync_destroy(&handle);
+        destroyHandle(handle, false);
         impl->async_client = nullptr;
         impl->connection_state = Disconnected;
         return;
@@ -302,14 +407,26 @@ void MqttClient::Connect_l()
     KRO_LOG_INFORMATION("Start connecting async mqtt client");
     // Settled: when the pool has no thread, the exception goes to the control loop, which logs it, and the
     // client stays in Connecting until the host calls Connect again.
-    pool().start([this, weak = weak_from_this()] {
-        const auto self = weak.lock();
-        if (!self) {
-            KRO_LOG_ERROR("this ptr is nullptr.");
-            return;
-        }
-        Attempt_l();
-    });
+    try {
+        pool().start([this, weak = weak_from_this()] {
+            const auto self = weak.lock();
+            if (!self) {
+                KRO_LOG_ERROR("this ptr is nullptr.");
+                return;
+            }
+            Attempt_l();
+        });
+    } catch (const Poco::NoThreadAvailableException&) {
+        if (!safeguarded(kWaitForThread)) throw;
+        StartOver_l("no thread for connecting");
+    }
+}
+
+void MqttClient::StartOver_l(const std::string& reason)
+{
+    impl->reconnecting = false;
+    impl->connection_state = Disconnected;
+    ScheduleReconnect(reason);
 }
 
 void MqttClient::Attempt_l()
@@ -321,6 +438,7 @@ void MqttClient::Attempt_l()
         if (handle == nullptr) {
             KRO_LOG_ERROR("async mqtt client is nullptr.");
             impl->connection_state = Disconnected;
+            if (safeguarded(kKeepTrying)) StartOver_l("connect without a handle");
             return;
         }
         MQTTAsync_connectOptions options = MQTTAsync_connectOptions_initializer;
@@ -331,6 +449,8 @@ void MqttClient::Attempt_l()
         options.onSuccess = OnConnectSuccess;
         options.onFailure = OnConnectFailure;
         options.context = this;
+        // Settled: else version 0 stands, with which Paho tries 3.1.1 and then 3.1, each time anew.
+        if (safeguarded(kPinProtocol)) options.MQTTVersion = MQTTVERSION_3_1_1;
         const int started = MQTTAsync_connect(handle, &options);
         if (started != MQTTASYNC_SUCCESS) {
             // Settled: no reconnection from here, nor from the other failures of this step; only an answer
@@ -340,6 +460,7 @@ void MqttClient::Attempt_l()
             KRO_LOG_ERROR("Failed to start connect, return code %d", started);
             impl->connection_state = Disconnected;
             impl->TellConnectResult(started);
+            if (safeguarded(kKeepTrying)) StartOver_l("connect refusal");
             return;
         }
         KRO_LOG_INFORMATION("Connect operation started successfully");
@@ -349,6 +470,7 @@ void MqttClient::Attempt_l()
         KRO_LOG_ERROR(std::string("Connect exception: ") + e.what());
         impl->connection_state = Disconnected;
         impl->TellConnectResult(-1);
+        if (safeguarded(kKeepTrying)) StartOver_l("connect exception");
     }
 }
 
@@ -451,6 +573,7 @@ void MqttClient::Reconnect_l(const std::weak_ptr<MqttClient>& weak, int delay_ms
         // Settled: without a handle the reconnecting ends until the host calls Connect again.
         impl->reconnecting = false;
         impl->connection_state = Disconnected;
+        if (safeguarded(kKeepTrying)) ScheduleReconnect("failure to make a handle");
         return;
     }
     Connect_l();
@@ -465,6 +588,7 @@ void MqttClient::Resubscribe_l(const std::weak_ptr<MqttClient>& weak)
     }
     std::unique_lock<std::mutex> map_lock(impl->subscribe_mutex);
     const auto subscriptions = impl->subscribe_map;
+    const auto asked_qos = impl->asked_qos;
     map_lock.unlock();
     KRO_LOG_INFORMATION("Re-subscribing after reconnection, count: %d",
                         static_cast<int>(subscriptions.size()));
@@ -477,9 +601,16 @@ void MqttClient::Resubscribe_l(const std::weak_ptr<MqttClient>& weak)
             KRO_LOG_ERROR("Connection lost during subscription of topic: %s", topic);
             return;
         }
-        // Settled: always at QoS 1, whatever the host asked for.
+        // Settled: always at QoS 1, whatever the host asked for, and a refusal by the broker goes unseen.
+        int qos = 1;
         MQTTAsync_responseOptions options = responseOptions(this);
-        const int code = MQTTAsync_subscribe(impl->async_client, topic.c_str(), 1, &options);
+        const auto asked = asked_qos.find(topic);
+        if (asked != asked_qos.end()) {  // kKeepQos
+            qos = asked->second;
+            options.context = &impl->resubscribed.emplace_back(topic);
+            options.onFailure = OnResubscribeFailure;
+        }
+        const int code = MQTTAsync_subscribe(impl->async_client, topic.c_str(), qos, &options);
         if (code != MQTTASYNC_SUCCESS)
             KRO_LOG_ERROR("Failed to resubscribe topic %s, return code %d", topic, code);
         else
@@ -487,13 +618,25 @@ void MqttClient::Resubscribe_l(const std::weak_ptr<MqttClient>& weak)
     }
 }
 
+void MqttClient::OnResubscribeFailure(void* context, MQTTAsync_failureData* response)
+{
+    // 128 is the broker's own refusal (MQTT 3.1.1 section 3.9.3).
+    KRO_LOG_ERROR("Failed to resubscribe topic %s, return code %d", *static_cast<const std::string*>(context),
+                  response == nullptr ? -1 : response->code);
+}
+
 // ---- Subscriptions ----
 
 void MqttClient::Subscribe(MessageHandler handler, std::string topic, int qos)
 {
+    std::weak_ptr<MqttClient> weak;
+    if (safeguarded(kSafeLifetime)) weak = weak_from_this();
+    const bool safe = !weak.expired();  // not so where no std::shared_ptr owns the client
     // Settled: the task holds a plain pointer. Hosts keep the client until their Subscribe calls have run.
-    const std::function<void()> task = [this, handler = std::move(handler), topic = std::move(topic), qos] {
-        Subscribe_l(handler, topic, qos);
+    const std::function<void()> task = [this, safe, weak = std::move(weak), handler = std::move(handler),
+                                        topic = std::move(topic), qos] {
+        const auto self = weak.lock();
+        if (self || !safe) Subscribe_l(handler, topic, qos);
     };
     try {
         pool().start(task);
@@ -513,7 +656,14 @@ void MqttClient::Subscribe_l(const MessageHandler& handler, const std::string& t
         const std::lock_guard<std::mutex> lock(impl->client_mutex);
         {
             const std::lock_guard<std::mutex> map_lock(impl->subscribe_mutex);
-            impl->subscribe_map[topic].push_back(handler);
+            auto& handlers = impl->subscribe_map[topic];
+            handlers.push_back(handler);
+            if (safeguarded(kTopicMatching) && topic.find_first_of("+#") != std::string::npos)
+                impl->wildcard_filters.add(topic, &handlers);
+            if (safeguarded(kKeepQos)) {
+                int& highest = impl->asked_qos[topic];  // 0 at first
+                highest = std::max(highest, qos);
+            }
         }
         const MQTTAsync handle = impl->async_client;
         if (handle == nullptr) {
@@ -582,7 +732,9 @@ void MqttClient::Unsubscribe(std::string topic)
     }
     // Settled: forgotten even when the broker could not be told. No later connection subscribes it again.
     const std::lock_guard<std::mutex> lock(impl->subscribe_mutex);
+    impl->wildcard_filters.remove(topic);  // first: it leads into the map
     impl->subscribe_map.erase(topic);
+    impl->asked_qos.erase(topic);
     KRO_LOG_INFORMATION("--Success to erase topic %s from subscribe map", topic);
 }
 
@@ -593,7 +745,24 @@ bool MqttClient::PublishMessage(std::string payload, std::string topic, int qos,
                                 int /*reserved*/)
 {
     if (impl->async_client == nullptr || !IsConnected()) return false;
+    // Settled: without it the handle may be destroyed under the send. No lock does this: Cleanup would hold
+    // it while it waits for Paho, and a publish on one of Paho's threads would wait for Cleanup.
+    const bool safe = safeguarded(kSafeLifetime);
+    struct Use
     {
+        explicit Use(std::atomic<int>* of) : count(of)
+        {
+            if (count != nullptr) ++*count;
+        }
+        ~Use()
+        {
+            if (count != nullptr) --*count;
+        }
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+        std::atomic<int>* const count;
+    } const use(safe ? &impl->publishing : nullptr);
+    if (!safe) {
         const std::lock_guard<std::mutex> lock(impl->client_mutex);
         if (impl->async_client == nullptr || !IsConnected()) {
             KRO_LOG_ERROR("Publish failed: connection lost during check, topic: %s", topic);
@@ -610,9 +779,11 @@ bool MqttClient::PublishMessage(std::string payload, std::string topic, int qos,
     options.onFailure = OnPublishFailure;
     // Settled: the send runs outside client_mutex, so a reconnection may replace the handle at this moment.
     // It is read afresh here, so that the new one or none is met rather than the old one.
-    const int code = payload.size() > INT_MAX
+    const MQTTAsync handle = impl->async_client;
+    const int code = handle == nullptr && safe ? MQTTASYNC_DISCONNECTED
+                     : payload.size() > INT_MAX
                          ? MQTTASYNC_FAILURE  // Paho's length is an int, and would say another one
-                         : MQTTAsync_sendMessage(impl->async_client, topic.c_str(), &message, &options);
+                         : MQTTAsync_sendMessage(handle, topic.c_str(), &message, &options);
     if (code != MQTTASYNC_SUCCESS) {
         KRO_LOG_ERROR("Failed to publish message for topic %s, return code %d", topic, code);
         return false;
@@ -624,6 +795,7 @@ void MqttClient::OnPublishSuccess(void* context, MQTTAsync_successData* response
 {
     auto* const client = static_cast<MqttClient*>(context);
     if (client == nullptr || !client->impl || !client->impl->delivery_complete_callback) return;
+    const ClientThread mark;
     client->impl->delivery_complete_callback(response == nullptr ? 0 : response->token);
 }
 
@@ -679,6 +851,17 @@ MqttClient::Impl::AsyncMessage::~AsyncMessage()
     delete[] static_cast<char*>(message.payload);
 }
 
+void MqttClient::Impl::AsyncMessage::handle()
+{
+    try {
+        if (handler) {
+            handler(&message, topic);
+            if (!api.empty()) KRO_LOG_INFORMATION("End handle msg async, topic: %s, api: %s", topic, api);
+        }
+    } catch (...) {  // Settled: what a handler throws is dropped without a word.
+    }
+}
+
 std::size_t MqttClient::Impl::AsyncMessage::cost() const
 {
     return entryCost(topic, message.payloadlen);
@@ -687,6 +870,7 @@ std::size_t MqttClient::Impl::AsyncMessage::cost() const
 int MqttClient::OnMessageArrived(void* context, char* topicName, int /*topicLen*/, MQTTAsync_message* message)
 {
     if (context != nullptr) {
+        const ClientThread mark;
         Impl& impl = *static_cast<MqttClient*>(context)->impl;
         const std::string topic = topicName == nullptr ? "" : topicName;
         std::string api;
@@ -723,6 +907,13 @@ std::vector<MqttClient::MessageHandler> MqttClient::Impl::FindHandlers(const std
 {
     const std::lock_guard<std::mutex> lock(subscribe_mutex);
     auto found = subscribe_map.find(topic);
+    if (safeguarded(kTopicMatching)) {
+        auto all = found == subscribe_map.end() ? std::vector<MessageHandler>() : found->second;
+        wildcard_filters.match(topic, [&all](const std::vector<MessageHandler>& handlers) {
+            all.insert(all.end(), handlers.begin(), handlers.end());
+        });
+        return all;
+    }
     if (found == subscribe_map.end()) {
         // Settled: the first match in the map's order is the only one.
         found = std::find_if(subscribe_map.begin(), subscribe_map.end(),
@@ -758,8 +949,9 @@ void MqttClient::Impl::Admit(MessageHandler handler, const std::string& topic, c
     lock.lock();
     message_queue.push_back(std::move(entry));
     memory_usage += cost;
+    const bool wake = places == nullptr || processor_waits;
     lock.unlock();
-    queue_cv.notify_one();
+    if (wake) queue_cv.notify_one();
 }
 
 bool MqttClient::IsTelemetryMessage(const std::string& topic, const std::string& payload)
@@ -775,11 +967,6 @@ bool MqttClient::IsTelemetryMessage(const std::string& topic, const std::string&
 }
 
 // ---- Inbound: the message processor ----
-
-namespace
-{
-constexpr int MAX_IN_FLIGHT_HANDLERS = 64;
-}
 
 void MqttClient::Impl::HandlerGate::acquire()
 {
@@ -825,19 +1012,102 @@ void MqttClient::Impl::HandOverFront(std::unique_lock<std::mutex>& queue_lock, H
     // Settled: with all 32 threads of the pool busy, start() throws, nothing on this thread catches it, and
     // the process ends. No retry, no wait, no requeueing: 32 is the ceiling on handlers at one time.
     pool().start([msg, in_flight = in_flight_handlers, gate_place = &gate] {
-        try {
-            if (msg->handler) {
-                msg->handler(&msg->message, msg->topic);
-                if (!msg->api.empty())
-                    KRO_LOG_INFORMATION("End handle msg async, topic: %s, api: %s", msg->topic, msg->api);
-            }
-        } catch (...) {  // Settled: what a handler throws is dropped without a word.
-        }
+        const ClientThread mark;
+        msg->handle();
         --*in_flight;
         gate_place->release();
     });
     queue_lock.lock();
     msg.reset();  // Settled: if the task is already gone, the record goes here, with the queue locked
+}
+
+// ---- Inbound: the processor with places ----
+
+// An entry stays in the queue until a worker takes it: so nothing is out of order or lost when no place or no
+// thread is to be had, the queue's limits hold meanwhile, and an end of the client needs to wait for handlers
+// only.
+
+void MqttClient::Impl::ProcessInPlaces()
+{
+    // Short beside the time that a slow handler takes, long beside a thread's wake.
+    constexpr std::chrono::microseconds kShortestLook(500), kLongestLook(8000);
+    std::unique_lock<std::mutex> lock(queue_mutex);
+    while (processor_started) {
+        processor_waits = true;
+        queue_cv.wait(lock, [this] { return !processor_started || message_queue.size() > workers_to_come; });
+        processor_waits = false;
+        auto look = kShortestLook;
+        while (processor_started && message_queue.size() > workers_to_come) {
+            const bool started = (workers == 0 || !drains_in_place || FallBehind_l()) && StartWorker(lock);
+            look = started ? kShortestLook : std::min(2 * look, kLongestLook);
+            taken = 0;
+            if (drains_in_place)
+                queue_cv.wait_for(lock, look, [this] { return !processor_started || workers == 0; });
+        }
+    }
+    queue_cv.wait(lock, [this] { return workers == 0; });  // for as long as a handler runs
+}
+
+bool MqttClient::Impl::FallBehind_l() const
+{
+    // Workers that took as many entries in the time of one look as wait now need no help: another one would
+    // find the queue empty by the time that it is awake. Where none was taken all may be in long handlers,
+    // and the entry that one of these waits for may be the very next.
+    return taken < message_queue.size() && (message_queue.size() > workers || taken == 0);
+}
+
+bool MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
+{
+    constexpr std::chrono::milliseconds kRetry(10);
+    // Without a worker, or with one for each entry, there is nothing to do but to wait for a place.
+    const bool wait = workers == 0 || !drains_in_place;
+    queue_lock.unlock();
+    const bool placed = wait ? places->take(processor_started) : places->tryTake();
+    queue_lock.lock();
+    if (!placed) return false;
+    ++workers;
+    ++workers_to_come;
+    queue_lock.unlock();
+    bool started = false;
+    try {
+        pool().start([this] { Work(); });
+        started = true;
+    } catch (const Poco::Exception&) {  // logged by the pool
+        // Settled: a full pool ends the process.
+        if (!safeguarded(kWaitForThread)) throw;
+        places->giveBack();
+    }
+    queue_lock.lock();
+    if (started) return true;
+    --workers;
+    --workers_to_come;
+    queue_cv.wait_for(queue_lock, kRetry, [this] { return !processor_started; });
+    return false;
+}
+
+void MqttClient::Impl::Work()
+{
+    const ClientThread mark;
+    bool has_place = true;
+    std::unique_lock<std::mutex> lock(queue_mutex);
+    --workers_to_come;
+    while (has_place && processor_started && !message_queue.empty()) {
+        {
+            AsyncMessage front(std::move(message_queue.front()));
+            message_queue.pop_front();
+            memory_usage -= front.cost();
+            ++taken;
+            lock.unlock();
+            front.handle();
+        }
+        has_place = drains_in_place && !places->giveBackIfWanted();
+        if (!drains_in_place) places->giveBack();
+        lock.lock();
+    }
+    if (has_place) places->giveBack();
+    --workers;
+    // Under the lock: after its release the client may be gone.
+    if (workers == 0 && (!message_queue.empty() || !processor_started)) queue_cv.notify_all();
 }
 
 // ---- Disconnection and teardown ----
@@ -885,7 +1155,7 @@ void MqttClient::Impl::ClearQueue()
             bytes += static_cast<std::size_t>(message.payloadlen);
             // Settled: released here, and once more by the record's destructor. The allocator ends the
             // process at the first entry; only where it lets that pass does the call come to its end.
-            delete[] static_cast<char*>(message.payload);
+            if (!safeguarded(kSingleRelease)) delete[] static_cast<char*>(message.payload);
         }
         message_queue.pop_front();
         ++messages;
@@ -897,12 +1167,27 @@ void MqttClient::Impl::ClearQueue()
 
 void MqttClient::Impl::Cleanup()
 {
-    constexpr int kDisconnectTimeoutMs = 5000;
     const std::lock_guard<std::mutex> lock(client_mutex);
-    MQTTAsync handle = async_client;
+    const MQTTAsync handle = async_client;
     if (handle == nullptr) return;
     MQTTAsync_setCallbacks(handle, nullptr, nullptr, nullptr, nullptr);
-    std::promise<void> ended;
+    std::promise<void> ended;  // until the handle is gone, and with it the callbacks that point here
+    EndLink(handle, ended);
+    async_client = nullptr;  // first: a publish looks without the mutex, and must not see what is gone
+    // With kSafeLifetime: those that have seen it end their send, for which they need nothing of ours.
+    while (publishing > 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
+    destroyHandle(handle, stop_reconnect);
+    KRO_LOG_INFORMATION("destroy mqtt client");
+    resubscribed.clear();
+    // Settled: a second for Paho's threads to let go of the handle, with client_mutex held. Not needed: Paho
+    // holds its mutex in every callback, and destroy takes it, so that none is under way when destroy has it
+    // and none finds the handle afterwards.
+    if (!safeguarded(kPromptTeardown)) std::this_thread::sleep_for(std::chrono::seconds(1));
+}
+
+void MqttClient::Impl::EndLink(MQTTAsync handle, std::promise<void>& ended)
+{
+    constexpr int kDisconnectTimeoutMs = 5000;
     const std::future<void> has_ended = ended.get_future();
     MQTTAsync_disconnectOptions options = MQTTAsync_disconnectOptions_initializer;
     options.timeout = kDisconnectTimeoutMs;
@@ -915,17 +1200,13 @@ void MqttClient::Impl::Cleanup()
         KRO_LOG_INFORMATION("disconnect mqtt failed");
     };
     options.context = &ended;
+    const int code = MQTTAsync_disconnect(handle, &options);
     // Settled: a disconnect that Paho refuses at once brings no callback, and the wait runs to its end all
     // the same.
-    MQTTAsync_disconnect(handle, &options);
+    if (safeguarded(kPromptTeardown) && code != MQTTASYNC_SUCCESS) return;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDisconnectTimeoutMs);
     if (has_ended.wait_until(deadline) == std::future_status::timeout)
         KRO_LOG_WARNING("Disconnect timeout, forcing destroy");
-    async_client = nullptr;  // first: a publish looks without the mutex, and must not see what is gone
-    MQTTAsync_destroy(&handle);
-    KRO_LOG_INFORMATION("destroy mqtt client");
-    // Settled: a second for Paho's threads to let go of the handle, with client_mutex held.
-    std::this_thread::sleep_for(std::chrono::seconds(1));
 }
 
 MqttClient::Impl::~Impl()
@@ -935,8 +1216,12 @@ MqttClient::Impl::~Impl()
     reconnect_cv.notify_all();
     // The processor ends before the queue is emptied, so that nothing is handed out of a queue that is being
     // cleared.
-    processor_started = false;
+    {
+        const std::lock_guard<std::mutex> lock(queue_mutex);
+        processor_started = false;
+    }
     queue_cv.notify_all();
+    if (places != nullptr) places->wake();
     if (message_processor_thread.joinable()) message_processor_thread.join();
     while (*in_flight_handlers > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     ClearQueue();  // Settled: with entries in the queue this ends the process, as told there

@@ -8,8 +8,10 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -18,7 +20,9 @@
 #include <MQTTAsync.h>
 #include <Poco/JSON/Object.h>
 
+#include "HandlerPlaces.h"
 #include "MqttClient++.h"
+#include "TopicFilter.h"
 
 namespace kro
 {
@@ -50,6 +54,7 @@ struct MqttClient::Impl
         AsyncMessage& operator=(AsyncMessage&&) = delete;
         ~AsyncMessage();
 
+        void handle();             // calls the handler; whatever it throws ends here
         std::size_t cost() const;  // what the entry counts for in memory_usage, in bytes
 
         MQTTAsync_message message = MQTTAsync_message_initializer;  // payload: new char[], owned
@@ -92,7 +97,16 @@ struct MqttClient::Impl
     void ProcessMessages();
     void HandOverFront(std::unique_lock<std::mutex>& queue_lock, HandlerGate& gate);  // queue_mutex held
 
-    void Cleanup();     // takes client_mutex, and holds it for up to 6 s
+    /// The processor with places: it starts workers, and they take the entries from the queue themselves.
+    void ProcessInPlaces();
+    /// False if there was no place or no thread. Waits for a place where there is nothing else to do.
+    bool StartWorker(std::unique_lock<std::mutex>& queue_lock);  // queue_mutex held
+    void Work();  // on a pool thread, with a place; ends with the queue, or when its place is wanted
+    bool FallBehind_l() const;  // queue_mutex held
+
+    void Cleanup();  // takes client_mutex, and holds it for up to 6 s
+    /// Ends the link of `handle`, which nobody else uses any more, as far as that can be done.
+    void EndLink(MQTTAsync handle, std::promise<void>& ended);
     void ClearQueue();  // takes queue_mutex
 
     /// Whether a message is wanted at all; fills in `api`, and logs what is to be logged.
@@ -118,6 +132,16 @@ struct MqttClient::Impl
     std::mutex client_mutex;     // serialises the use of async_client; held across calls into Paho
     std::mutex subscribe_mutex;  // guards subscribe_map; a leaf
     std::unordered_map<std::string, std::vector<MessageHandler>> subscribe_map;  // filter to its handlers
+    // With kTopicMatching: the wildcard filters of subscribe_map, leading into it. Guarded by subscribe_mutex.
+    detail::TopicTree<std::vector<MessageHandler>> wildcard_filters;
+    // With kKeepQos: the highest QoS asked for each filter of subscribe_map. Guarded by subscribe_mutex.
+    std::unordered_map<std::string, int> asked_qos;
+    // With kKeepQos: what Paho's answers to the re-subscriptions of this handle are told to mean; they come
+    // until the handle is destroyed, and only read. Changed with client_mutex held, and only at its end while
+    // the handle lives.
+    std::deque<std::string> resubscribed;
+    // With kSafeLifetime: publishes between the reading of async_client and their return from Paho.
+    std::atomic<int> publishing{0};
     // Of the callbacks, the two of Connect are guarded by control_mutex, since a host may call it again at
     // any time. The others carry no lock: hosts set them before Connect, whose task carries them to the other
     // threads.
@@ -143,8 +167,16 @@ struct MqttClient::Impl
     std::condition_variable reconnect_cv;
     std::thread message_processor_thread;
     std::deque<AsyncMessage> message_queue;
-    std::mutex queue_mutex;  // guards message_queue; a leaf
+    std::mutex queue_mutex;  // guards message_queue and the fields down to processor_waits; a leaf
     std::condition_variable queue_cv;
+    // Of ProcessInPlaces; null places stand for the settled processor. The first three are fixed.
+    const bool drains_in_place;
+    std::optional<detail::HandlerPlaces> own_places;
+    detail::HandlerPlaces* const places;       // own ones, or those of all clients
+    std::size_t workers = 0;                   // on the pool, or on their way there
+    std::size_t workers_to_come = 0;           // of these, those that have taken no entry yet
+    std::size_t taken = 0;                     // entries, since the processor has looked last
+    bool processor_waits = false;              // for a need of workers; else it looks by itself
     std::atomic<std::size_t> memory_usage{0};  // sum of the costs in message_queue
     std::atomic<std::size_t> dropped_messages{0};
     std::deque<std::function<void()>> control_tasks;

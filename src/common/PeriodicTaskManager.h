@@ -34,15 +34,15 @@ enum TaskStatus : std::int32_t
 /// The record of one task. Runs share it with the table, so it outlives its removal while one is under way.
 struct TaskContext
 {
-    unsigned int task_id = 0;
-    std::chrono::milliseconds task_period{0};               // at least 1
-    std::function<void()> task_func;                        // called by one thread at a time
-    std::chrono::milliseconds task_timeout{0};              // of one run; 0 or less for none
-    std::atomic<TaskStatus> task_status{TASK_IDLE};         // read and written by pool threads without a lock
-    std::atomic<bool> task_abort{false};                    // likewise; set for good at an end, never cleared
-    std::chrono::steady_clock::time_point task_last_run;    // of the last hand-over; guarded by tasks_mutex
-    std::chrono::steady_clock::time_point task_exec_start;  // of the last run; guarded by tasks_mutex
-    std::string task_name;
+    unsigned int task_id = 0;                             ///< from 1 up
+    std::chrono::milliseconds task_period{0};             ///< at least 1
+    std::function<void()> task_func;                      ///< called by one thread at a time
+    std::chrono::milliseconds task_timeout{0};            ///< of one run; 0 or less for none
+    std::atomic<TaskStatus> task_status{TASK_IDLE};       ///< read and written by pool threads without a lock
+    std::atomic<bool> task_abort{false};                  ///< likewise; set for good at an end, never cleared
+    std::chrono::steady_clock::time_point task_last_run;  ///< of the last hand-over; guarded by tasks_mutex
+    std::chrono::steady_clock::time_point task_exec_start;  ///< of the last run; guarded by tasks_mutex
+    std::string task_name;                                  ///< for the listing and the pool's thread
 };
 
 /// Runs functions again and again, each at its own period, on a pool of up to 32 threads: the process's one

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <utility>
 
 #include <Poco/Exception.h>
@@ -9,6 +10,7 @@
 
 #include "LoadOrder.h"
 #include "Logger.h"
+#include "Safeguards.h"
 #include "ThreadName.h"
 
 namespace kro
@@ -23,22 +25,31 @@ void ThreadPool::RunnableAdapter::run()
     // Once a thread: else it bears the name of whoever happened to start it, a client's own thread for one.
     thread_local const bool named = (detail::nameThisThread("kro-pool"), true);
     static_cast<void>(named);
+    if (releases_itself) {
+        const std::unique_ptr<RunnableAdapter> own(
+            this);  // also when the task throws what is not caught here
+        runTask();
+        return;
+    }
     // Taken now: a pool that is destroyed under its tasks drops this adapter before the task has ended.
     const std::weak_ptr<ThreadPool> starter = pool;
-    if (task) {
-        // Settled: anything that is no std::exception leaves run() at once, and the adapter stays in the
-        // list.
-        try {
-            task();
-        } catch (const Poco::Exception& e) {
-            KRO_LOG_ERROR(e.displayText());
-        } catch (const std::exception& e) {
-            KRO_LOG_ERROR(e.what());
-        }
-    }
+    // Settled: anything that is no std::exception leaves run() at once, and the adapter stays in the list.
+    runTask();
     // Settled: in a pool that no std::shared_ptr owns there is nobody to tell, and the adapter stays.
     const std::shared_ptr<ThreadPool> owner = starter.lock();
     if (owner) owner->taskFinished(this);  // destroys *this as a rule: nothing of it is touched from here on
+}
+
+void ThreadPool::RunnableAdapter::runTask() const
+{
+    if (!task) return;
+    try {
+        task();
+    } catch (const Poco::Exception& e) {
+        KRO_LOG_ERROR(e.displayText());
+    } catch (const std::exception& e) {
+        KRO_LOG_ERROR(e.what());
+    }
 }
 
 ThreadPool::ThreadPool(int min_capacity, int max_capacity, int idle_seconds, int stack_bytes)
@@ -57,8 +68,15 @@ ThreadPool::~ThreadPool() = default;
 template <typename HandOver>
 void ThreadPool::start_l(std::function<void()> task, HandOver hand_over)
 {
-    const auto adapter = std::make_shared<RunnableAdapter>(std::move(task), weak_from_this());
     try {
+        if (safeguarded(kReleaseAdapters)) {
+            auto adapter = std::make_unique<RunnableAdapter>(std::move(task), std::weak_ptr<ThreadPool>());
+            adapter->releases_itself = true;
+            hand_over(*adapter);
+            static_cast<void>(adapter.release());  // the run's own from here on, and gone already perhaps
+            return;
+        }
+        const auto adapter = std::make_shared<RunnableAdapter>(std::move(task), weak_from_this());
         // Settled: the hand-over comes first, so that a refused task is never in the list. The price is that
         // a task which ends before it is listed stays in the list until the pool goes.
         hand_over(*adapter);

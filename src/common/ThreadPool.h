@@ -22,11 +22,11 @@ namespace kro
 ///
 /// Only a pool that a std::shared_ptr owns gives a task's captures back when the task has ended. Any other
 /// pool (a member, a Poco::SharedPtr) keeps every task that it ever ran, captures included, until it is
-/// destroyed.
+/// destroyed. With kReleaseAdapters every pool gives them back.
 ///
 /// Thread-safe. A captured object whose destructor starts a task on the same pool blocks for ever: captures
-/// are destroyed on the pool's thread with the pool's own mutex held. Stop feeding a pool and let its tasks
-/// end before you destroy it.
+/// are destroyed on the pool's thread with the pool's own mutex held (with kReleaseAdapters without it). Stop
+/// feeding a pool and let its tasks end before you destroy it.
 class KRO_API ThreadPool : public Poco::ThreadPool, public std::enable_shared_from_this<ThreadPool>
 {
 public:
@@ -35,6 +35,7 @@ public:
     /// @param idle_seconds  after so many seconds without a task a thread above the minimum ends.
     /// @param stack_bytes   stack of each thread, 0 for the platform's default.
     ThreadPool(int min_capacity, int max_capacity, int idle_seconds, int stack_bytes);
+    /// As above, with a name, which shows in those of its Poco::Threads.
     ThreadPool(const std::string& name, int min_capacity, int max_capacity, int idle_seconds,
                int stack_bytes);
     ~ThreadPool();
@@ -53,10 +54,13 @@ public:
     void start(std::function<void()> task);
 
     /// As above.
+    /// @param task  likewise.
     /// @param name  of the thread for this run, as Poco::ThreadPool::start takes it.
     void start(std::function<void()> task, const std::string& name);
 
     /// As start(), at one of two priorities.
+    /// @param task          likewise.
+    /// @param name          likewise.
     /// @param low_priority  true for Poco::Thread::PRIO_LOWEST, false for Poco::Thread::PRIO_NORMAL.
     void startWithPriority(std::function<void()> task, const std::string& name, bool low_priority);
 
@@ -69,8 +73,12 @@ private:
         void run() override;
 
     private:
+        friend class ThreadPool;
+        void runTask() const;
+
         std::function<void()> task;      // may be empty
         std::weak_ptr<ThreadPool> pool;  // empty when no std::shared_ptr owns the pool
+        bool releases_itself = false;    // in no list: goes at the end of its run
     };
 
     template <typename HandOver>
@@ -119,7 +127,7 @@ using TaskManagerBase =
 class KRO_API TaskManager : public detail::TaskManagerBase
 {
 public:
-    /// @param name  of the manager's own pool; the rest as for ThreadPool.
+    /// Makes a pool of its own, whose name and limits are given as to ThreadPool.
     TaskManager(const std::string& name, int min_capacity, int max_capacity, int idle_seconds,
                 int stack_bytes);
 

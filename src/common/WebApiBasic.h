@@ -75,20 +75,27 @@ public:
     void stop();
 
     /// Registers under the key as given, in place of what stood there, which is destroyed here, or with the
-    /// last request in flight.
-    /// @param uri      a path, decoded and without a query, such as "/index/api/version".
-    /// @param handler  may be empty: the plain form is then an error for each request, the other two answer
-    ///                 apiNotFound(). The form without one answers apiSuccess().
+    /// last request in flight. This form answers apiSuccess().
+    /// @param uri  a path, decoded and without a query, such as "/index/api/version".
     void apiRegist(std::string uri);
+    /// As above.
+    /// @param uri      likewise.
+    /// @param handler  answers by itself; an empty one is an error for each request.
     void apiRegist(std::string uri, ApiHandler handler);
+    /// As above.
+    /// @param uri      likewise.
+    /// @param handler  fills the result; an empty one answers apiNotFound().
     void apiRegist(std::string uri, ApiResultHandler handler);
+    /// As above, for requests with a body.
+    /// @param uri      likewise.
+    /// @param handler  fills the result; an empty one answers apiNotFound().
     void apiRegist(std::string uri, ApiBodyHandler handler);
 
     /// The canned answers, for handlers too. Status, content type and transfer encoding stay as they are: by
     /// default 200, none, and neither a length nor chunks, so that the connection ends with the answer.
     void apiNotFound(Poco::Net::HTTPServerResponse& response);
-    void bodyNotFound(Poco::Net::HTTPServerResponse& response);
-    void apiSuccess(Poco::Net::HTTPServerResponse& response);
+    void bodyNotFound(Poco::Net::HTTPServerResponse& response);  ///< as above
+    void apiSuccess(Poco::Net::HTTPServerResponse& response);    ///< as above
 
 private:
     WebApiBasic() = default;

@@ -117,6 +117,16 @@ void FakePaho::loseConnection(const char* cause, bool wait)
     fire([cause](Handle& handle) { handle.lost(handle.context, const_cast<char*>(cause)); }, wait);
 }
 
+void FakePaho::refuseSubscription(const std::string& topic)
+{
+    fire([topic](Handle& handle) {
+        const MQTTAsync_responseOptions& options = handle.subscribed[topic];
+        MQTTAsync_failureData data{};
+        data.code = 128;
+        if (options.onFailure != nullptr) options.onFailure(options.context, &data);
+    });
+}
+
 void FakePaho::deliver(const std::string& topic, const std::string& payload, int qos)
 {
     fire([=](Handle& handle) {
@@ -195,11 +205,11 @@ int MQTTAsync_disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions* op
     return code;
 }
 
-int MQTTAsync_subscribe(MQTTAsync handle, const char* topic, int qos, MQTTAsync_responseOptions* /*options*/)
+int MQTTAsync_subscribe(MQTTAsync handle, const char* topic, int qos, MQTTAsync_responseOptions* options)
 {
     const int code = fake().record("subscribe", std::string(topic) + " " + std::to_string(qos));
     const PahoLock lock(fake().paho_mutex);
-    fake().living(handle);
+    fake().living(handle).subscribed[topic] = *options;
     return code;
 }
 
@@ -218,7 +228,10 @@ int MQTTAsync_sendMessage(MQTTAsync handle, const char* topic, const MQTTAsync_m
                                                std::to_string(message->retained));
     const PahoLock lock(fake().paho_mutex);
     const auto found = fake().handles.find(handle);
-    if (found == fake().handles.end()) return MQTTASYNC_FAILURE;
+    if (found == fake().handles.end()) {
+        ++fake().lost_sends;
+        return MQTTASYNC_FAILURE;
+    }
     found->second.publish = *options;
     fake().last_payload.assign(static_cast<const char*>(message->payload),
                                static_cast<std::size_t>(message->payloadlen));

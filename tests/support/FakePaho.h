@@ -29,6 +29,7 @@ public:
         MQTTAsync_messageArrived* arrived = nullptr;
         MQTTAsync_connectOptions connect{};   // of the last connect: names point at the client's strings
         MQTTAsync_responseOptions publish{};  // of the last send
+        std::map<std::string, MQTTAsync_responseOptions> subscribed;  // by topic, of the last subscribe
     };
 
     static FakePaho& instance();
@@ -45,6 +46,8 @@ public:
     void connectSucceeds();
     void connectFails(MQTTAsync_failureData* data);
     void loseConnection(const char* cause, bool wait = true);
+    /// As a broker does that allows no such subscription (MQTT 3.1.1 section 3.9.3).
+    void refuseSubscription(const std::string& topic);
     void deliver(const std::string& topic, const std::string& payload, int qos = 0);
 
     /// @return what `function` is to return.
@@ -52,9 +55,10 @@ public:
     Handle& living(MQTTAsync handle);                      // paho_mutex held
     void post(std::function<void()> callback, bool wait);  // on the callback thread, under paho_mutex
 
-    Recorder<std::string> calls;  // "subscribe topic qos", "destroy" and so on, in order
-    std::string last_payload;     // of a send; guarded by paho_mutex
-    std::atomic<int> unfreed{0};  // messages and topics handed out that nobody has freed
+    Recorder<std::string> calls;     // "subscribe topic qos", "destroy" and so on, in order
+    std::string last_payload;        // of a send; guarded by paho_mutex
+    std::atomic<int> unfreed{0};     // messages and topics handed out that nobody has freed
+    std::atomic<int> lost_sends{0};  // with a handle that is null or destroyed
     std::atomic<bool> answer_connects{true};
     std::atomic<bool> answer_disconnects{true};
 

@@ -13,6 +13,7 @@ struct MqttClientTestAccess
 {
     using Impl = MqttClient::Impl;
     static Impl& impl(MqttClient& client) { return *client.impl; }
+    static ThreadPool& pool() { return MqttClient::pool(); }
     static int busyThreads() { return MqttClient::pool().used(); }
     static void schedule(MqttClient& client) { client.ScheduleReconnect("a test"); }
 
