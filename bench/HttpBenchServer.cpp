@@ -1,5 +1,6 @@
-// HttpBenchServer KIND: prints the port that it got of the system, and serves one small JSON answer there
-// until its input ends, for bench/http.py to load. HttpBenchServer --check: asks a server of each kind once,
+// HttpBenchServer KIND [APIS]: prints the port that it got of the system, and serves one small JSON answer there
+// until its input ends, for bench/http.py to load; our own kinds register APIS more beside it. HttpBenchServer
+// --check: asks a server of each kind once,
 // and fails if one answers other bytes.
 #include <cstdlib>
 #include <functional>
@@ -20,6 +21,7 @@
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/StreamCopier.h>
 
+#include "Safeguards.h"
 #include "WebApiBasic.h"
 
 #ifdef KRO_BENCH_HTTPLIB
@@ -47,11 +49,16 @@ Poco::Net::ServerSocket listening()
     return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0), 256);
 }
 
+int s_more_apis = 0;
+
 class RegisteredApi : public Server
 {
 public:
-    RegisteredApi()
+    explicit RegisteredApi(unsigned safeguards)
     {
+        kro::setSafeguards(safeguards);
+        for (int i = 0; i < s_more_apis; ++i)
+            kro::WebApiBasic::instance()->apiRegist("/index/api/more/" + std::to_string(i));
         kro::WebApiBasic::instance()->apiRegist(
             kPath, [](Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&, const kro::ApiParams&,
                       Poco::JSON::Object& result) {
@@ -134,7 +141,8 @@ using Maker = std::function<std::unique_ptr<Server>()>;
 const std::map<std::string, Maker>& kinds()
 {
     static const std::map<std::string, Maker> all = {
-        {"registered", [] { return std::make_unique<RegisteredApi>(); }},
+        {"registered", [] { return std::make_unique<RegisteredApi>(0); }},
+        {"guarded", [] { return std::make_unique<RegisteredApi>(kro::kAllSafeguards); }},
         {"bare", [] { return std::make_unique<BarePoco>(); }},
 #ifdef KRO_BENCH_HTTPLIB
         {"cpp-httplib", [] { return std::make_unique<CppHttplib>(); }},
@@ -170,9 +178,10 @@ int main(int argc, char** argv)
         for (const auto& entry : kinds()) std::cout << entry.first << " " << kPath << " " << kAnswer << "\n";
         return 0;
     }
+    if (argc > 2) s_more_apis = std::atoi(argv[2]);
     const auto maker = kinds().find(kind);
     if (maker == kinds().end()) {
-        std::cerr << "usage: HttpBenchServer --check | --kinds | KIND\n";
+        std::cerr << "usage: HttpBenchServer --check | --kinds | KIND [APIS]\n";
         return 2;
     }
     const auto server = maker->second();

@@ -295,8 +295,7 @@ void registerAll(const char* name)
     };
     add("CallWorkerAwake", BM_CallWorkerAwake<Log>)
         ->Iterations(20000 / s_shrink)
-        ->Threads(1)
-        ->Threads(4)
+        ->ThreadRange(1, 16)
         ->UseManualTime();
     add("CallWorkerAsleep", BM_CallWorkerAsleep<Log>)
         ->Iterations(2000 / s_shrink)

@@ -2,6 +2,7 @@
 #define KRO_TESTS_MQTT_CLIENT_ACCESS_H
 
 #include <mutex>
+#include <string>
 
 #include "MqttClient++.h"
 #include "MqttClientImpl.h"
@@ -16,6 +17,13 @@ struct MqttClientTestAccess
     static ThreadPool& pool() { return MqttClient::pool(); }
     static int busyThreads() { return MqttClient::pool().used(); }
     static void schedule(MqttClient& client) { client.ScheduleReconnect("a test"); }
+
+    /// Subscribes as Subscribe() does, but on the calling thread.
+    static void subscribe(MqttClient& client, const MqttClient::MessageHandler& handler,
+                          const std::string& topic, int qos)
+    {
+        client.Subscribe_l(handler, topic, qos);
+    }
 
     /// Ends the processor for good, so that what is delivered stays queued; release() must follow.
     static void holdProcessor(MqttClient& client)
