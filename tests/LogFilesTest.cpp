@@ -307,12 +307,12 @@ TEST_F(LogFilesTest, EndsPromptlyWhileThreadsOfTheHostLogOn)
 
 TEST_F(LogFilesTest, CanBeDeletedStraightAfterItWasLoaded)
 {
-    for (int i = 0; i < 50 && !HasFailure(); ++i)
+    for (int i = 0; i < 25 && !HasFailure(); ++i)
         inChild([] {
             loadLogging();
             deleteLogger();
         });
-    EXPECT_EQ(logged(":Log destroyed"), 50);
+    EXPECT_EQ(logged(":Log destroyed"), 25);
 }
 
 TEST_F(LogFilesTest, LoadsAfterAFailureWithoutTheLinesOfAThreadThatLoggedTooEarly)
