@@ -238,9 +238,10 @@ bool measureRate(const std::string& candidate, const Options& options)
         tell("inbound growth", "processor over the run", where, candidate,
              (marks[i].processor - marks[i - 1].processor) / step * 1e6, "us a message", x);
     }
-    tell("memory", "kept after messages handled",
-         where + ", " + std::to_string(options.messages) + " messages", candidate,
-         subscriber.resident() - resident, "bytes");
+    if (options.messages >= 1000)
+        tell("memory", "kept after messages handled",
+             where + ", " + std::to_string(options.messages) + " messages", candidate,
+             subscriber.resident() - resident, "bytes");
     return true;
 }
 

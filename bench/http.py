@@ -170,7 +170,7 @@ def main():
                 for kind in order if turn % 2 == 0 else reversed(order):
                     row = servers.load(kind, path, connections, options.seconds)
                     figures[kind].append(row)
-                    where = f"{connections} connections"
+                    where = f"{connections} connection" + ("" if connections == 1 else "s")
                     tell(turn, "rate", where, kind, row[0], "requests/s")
                     tell(turn, "processor", where, kind, row[3], "us")
                     tell(turn, "p99", where, kind, row[2], "us")

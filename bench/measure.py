@@ -71,6 +71,10 @@ class Figures:
                 file.write(",\n".join(json.dumps(entry) for entry in entries) + "\n]}\n")
 
 
+def count(number, what):
+    return f"{number} {what}" + ("" if int(number) == 1 else "s")
+
+
 def in_turns(rounds, commands, act):
     """Calls act(turn, command) for all commands in each round, every other round backwards."""
     for turn in range(rounds):
@@ -146,14 +150,14 @@ def logging(figures, quick, rounds):
         threads = benchmark["threads"]
         callers = re.search(r"callers:(\d+)", benchmark["name"])
         if callers:
-            yield ("lines into the file", f"{callers[1]} callers", names[candidate], benchmark["items_per_second"],
+            yield ("lines into the file", count(callers[1], "caller"), names[candidate], benchmark["items_per_second"],
                    "lines/s", None)
             return
         where = {"CallWorkerAwake": "worker awake", "CallWorkerAsleep": "worker asleep",
                  "CallConsoleStalled": "console stalled"}[what]
         for share in ("p50", "p99"):
             value = benchmark[share + "_ns"]
-            yield (f"call, {share}", f"{where}, {threads} threads", names[candidate], value, "ns", None)
+            yield (f"call, {share}", f"{where}, {count(threads, 'thread')}", names[candidate], value, "ns", None)
             if what == "CallWorkerAwake":
                 yield (f"call, {share}, with threads", where, names[candidate], value, "ns", threads)
 

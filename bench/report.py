@@ -17,7 +17,7 @@ COUNTS = ["threads put to sleep"]  # figures of which a ratio says nothing
 ORDER = ["Paho", "settled", "guarded", "library", "one copy", "floor", "bare POCO", "raw socket"]
 COLOURS = {"settled": "#d1495b", "guarded": "#2e7d5b", "library": "#2e7d5b"}
 GREYS = ["#30343f", "#8a8d91", "#b9bcc2", "#60656f", "#d5d7da"]
-TITLES = {"inbound": "From the wire to a handler", "latency": "Latency", "publishing": "Publishing",
+TITLES = {"inbound": "From the wire to a handler", "inbound growth": "As things grow", "latency": "Latency", "publishing": "Publishing",
           "http": "HTTP", "logging": "Logging", "crc": "CRC-32", "start": "Start",
           "life": "Recovery and end of a client", "periodic tasks": "Periodic tasks", "memory": "Memory"}
 
@@ -81,7 +81,7 @@ def number(value):
 def quantity(value, unit):
     for name, factor in (("MiB", 1 << 20), ("KiB", 1 << 10)):
         if unit == "bytes" and abs(value) >= factor:
-            return f"{value / factor:.3g} {name}"
+            return f"{number(value / factor)} {name}"
     return f"{number(value)} {unit}"
 
 
@@ -110,7 +110,7 @@ def tables(roads):
             text.append("")
         lines = curves(entries)
         if lines:
-            text += [f"### Growth: {TITLES.get(road, road)}" if rows or road not in TITLES else f"### {TITLES[road]}",
+            text += [f"### {TITLES.get(road, road)}" + (", growing" if rows else ""),
                      "", "| | at, and how much |", "|---|---|"]
             for (figure, where, unit), by_name in lines.items():
                 for name, points in sorted(by_name.items(), key=lambda item: rank(item[0])):
