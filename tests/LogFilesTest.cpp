@@ -4,11 +4,11 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <set>
 
 #include <Poco/FormattingChannel.h>
 #include <Poco/Glob.h>
+#include <Poco/RegularExpression.h>
 
 #include "LogSplitter.h"
 #include "Safeguards.h"
@@ -180,15 +180,17 @@ TEST_F(LogFilesTest, LogsItsStepsInColourAndLetsThreadsLogOnAfterDeleteLogger)
     const Lines files = logFiles();
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(files[0], kDirectory + "/logfilestest-" + dateIn(files[0]) + ".log");
+    const Poco::RegularExpression date("\\d{4}-\\d\\d-\\d\\d"),
+        form(
+            "^(.{10}) \\d\\d:\\d\\d:\\d\\d\\.\\d{3} logfilestest_logger:"
+            "(?:Host.cpp:7|Logger.cpp:\\d+|LogFilesTest.cpp:\\d+):(.*)$");
     Lines texts, coloured;
     for (const std::string& line : linesOf(files)) {
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(line, match,
-                                     std::regex("(.{10}) \\d\\d:\\d\\d:\\d\\d\\.\\d{3} logfilestest_logger:"
-                                                "(?:Host.cpp:7|Logger.cpp:\\d+|LogFilesTest.cpp:\\d+):(.*)")))
-            << line;
-        EXPECT_EQ(match[1], dateIn(files[0]));
-        texts.push_back(std::regex_replace(match[2].str(), std::regex("\\d{4}-\\d\\d-\\d\\d"), "DATE"));
+        Lines parts;
+        ASSERT_EQ(form.split(line, parts), 3) << line;
+        EXPECT_EQ(parts[1], dateIn(files[0]));
+        date.subst(parts[2], "DATE");
+        texts.push_back(parts[2]);
         coloured.push_back("\x1B[36m" + line + "\x1B[0m");
     }
     EXPECT_EQ(texts,
@@ -432,7 +434,7 @@ TEST_F(LogFilesTest, ArchivesAtTenMegabytesAndKeepsTenArchivesWithATimeStamp)
     const Lines files = logFiles();
     EXPECT_EQ(files.size(), 11u);
     for (std::size_t i = 1; i < files.size(); ++i)
-        EXPECT_TRUE(std::regex_match(files[i], std::regex(".*\\.log\\.\\d{17}"))) << files[i];
+        EXPECT_TRUE(Poco::RegularExpression::match(files[i], ".*\\.log\\.\\d{17}")) << files[i];
 }
 
 }  // namespace
