@@ -209,8 +209,8 @@ def start(figures, _quick, rounds):
     in_turns(2 * rounds, [[programs[name], name, "--messages", 10] for name in programs], figures.run)
 
 
-def life(figures, _quick, rounds):
-    in_turns(rounds, [[program("LifeBench")], [program("LifeBench"), "--guarded"]], figures.run)
+def life(figures, quick, rounds):
+    in_turns(1 if quick else rounds, [[program("LifeBench")], [program("LifeBench"), "--guarded"]], figures.run)
 
 
 def free_port():
