@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Loads a registered web API and its limits with wrk, one after the other in every round, and prints the ratios.
 
-Servers: our registered API, plain and with all safeguards; POCO's bare server that sends the same bytes in the same way; cpp-httplib; nginx with
-a static file of the same bytes. What is not installed is left out with a word. Needs wrk."""
+Servers: our registered API, settled and with all safeguards ("guarded"); POCO's bare server that sends the same bytes
+in the same way; cpp-httplib; nginx with a static file of the same bytes. What is not installed is left out with a
+word. Needs wrk."""
 import argparse
 import json
 import os
@@ -121,6 +122,9 @@ def show(connections, figures):
                        for i in (0, 3))
         print(f"  {kind:12} {rate:9.0f} requests/s  median {median:7.0f} us  99 % {slow:8.0f} us"
               f"  processor {cpu:5.1f} us  of bare: rate {ratio:.2f}, processor {cost:.2f}")
+    for kind in OURS if "nginx" in figures else ():
+        ratio = statistics.median(row[0] / limit[0] for row, limit in zip(figures[kind], figures["nginx"]))
+        print(f"  {kind} of nginx: rate {ratio:.2f}")
 
 
 def main():

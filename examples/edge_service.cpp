@@ -28,6 +28,7 @@
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/ServerSocket.h>
+#include <Safeguards.h>
 #include <WebApiBasic.h>
 #include <WebHookBasic.h>
 
@@ -100,9 +101,9 @@ public:
         hook.reset();
         kro::WebApiBasic::instance()->stop();
         stopTasks();
-        // Messages that wait would end the process with the client, so the topics go first, and what has
-        // arrived is handed out. Twice, because the second call waits for a message that Paho is just
-        // bringing.
+        // What has arrived is handed out, so the topics go first. Twice, because the second call waits for a
+        // message that Paho is just bringing. Without safeguards a host has no choice: messages that wait
+        // would end the process with the client.
         for (int round = 0; round < 2; ++round)
             for (const char* const topic : {"/krono/edge/request", "edge/raw", "edge/heartBeat"})
                 client->Unsubscribe(topic);
@@ -219,14 +220,22 @@ int main(int argc, char** argv)
 {
     std::map<std::string, std::string> options{
         {"--broker", "tcp://127.0.0.1:1883"}, {"--user", ""}, {"--password", ""}};
+    bool guarded = true;
     for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--settled") {
+            guarded = false;
+            continue;
+        }
         const auto option = options.find(argv[i]);
         if (option == options.end() || i + 1 == argc) {
-            std::cerr << "usage: edge_service [--broker URI] [--user NAME] [--password WORD]\n";
+            std::cerr << "usage: edge_service [--broker URI] [--user NAME] [--password WORD] [--settled]\n";
             return 2;
         }
         option->second = argv[++i];
     }
+    // Before anything else of the library: a full pool shall make work wait, where it would end the process.
+    kro::setSafeguards(guarded ? kro::kAllSafeguards : 0u);
+    say(guarded ? "all safeguards" : "no safeguards");
     // Blocked before any thread starts, so that every thread inherits it and sigwait() below gets the signal.
     sigset_t ends;
     sigemptyset(&ends);

@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/setup.sh
 
-need_packages "${BUILD_PACKAGES[@]}" dpkg-dev debhelper fakeroot
+need_packages "${BUILD_PACKAGES[@]}" build-essential dpkg-dev debhelper fakeroot
 version=$(sed -n 's/^project(KroCommon VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 [ "$(dpkg-parsechangelog -S Version)" = "$version" ] || fail "debian/changelog is not of version $version"
 work=build/packages

@@ -12,6 +12,7 @@ make_root() {
     [ -n "$mirror" ] || fail "no Debian mirror in the machine's apt configuration: set KRO_MIRROR"
     debootstrap --variant=minbase --include=ca-certificates "$suite" "$root" "$mirror" >"$root.log" 2>&1 ||
         { tail -n 20 "$root.log" >&2; fail "debootstrap of $suite failed"; }
+    printf '127.0.0.1 localhost\n::1 localhost\n' >"$root/etc/hosts"
 }
 
 # inside ROOT COMMAND...: runs the command with ROOT as its root; its mounts and processes end with it.

@@ -56,7 +56,7 @@ need_private_dirs() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build ccache libpoco-dev libpaho-mqtt-dev libgtest-dev libbenchmark-dev zlib1g-dev)
-TEST_PACKAGES=(curl iputils-ping)
+TEST_PACKAGES=(curl iputils-ping doxygen pkg-config)
 BROKER_PACKAGES=(mosquitto mosquitto-clients)
 
 # build FLAVOUR [TARGET...]: configures when needed and builds, telling only what goes wrong.

@@ -12,9 +12,11 @@
 #include <Poco/ErrorHandler.h>
 #include <Poco/Exception.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/StreamCopier.h>
 #include <Poco/ThreadPool.h>
 
 #include "support/RawHttp.h"
+#include "support/WithSafeguards.h"
 
 namespace kro
 {
@@ -152,6 +154,82 @@ TEST_F(HttpServerTest, DoesNotAcceptBeforeStartNorAfterStop)
     server->stop();
     const Peer late(socket.address().port());
     EXPECT_TRUE(waits());
+}
+
+/// Answers in the way that the path names with all that the request tells; "Expect" aside.
+void answerInEveryWay(HTTPServerRequest& request, HTTPServerResponse& response)
+{
+    std::string text = request.getMethod() + " " + request.getURI() + " " + request.getVersion() + "\n";
+    for (const auto& [name, value] : request)
+        if (name != "Expect") text += name + "=" + value + "\n";
+    text += request.clientAddress().host().toString() + " " + request.serverAddress().toString() + "\n";
+    Poco::StreamCopier::copyToString(request.stream(), text);
+    if (request.getURI() == "/poco") throw Poco::NotFoundException("mine");
+    if (request.getURI() == "/std") throw std::runtime_error("plain");
+    if (request.getURI() == "/none") response.setStatusAndReason(HTTPServerResponse::HTTP_NO_CONTENT);
+    if (request.getURI() == "/chunks") response.setChunkedTransferEncoding(true);
+    if (request.getURI() == "/length") response.setContentLength(static_cast<std::streamsize>(text.size()));
+    if (request.getURI() == "/buffer")
+        response.sendBuffer(text.data(), text.size());
+    else if (request.getURI() == "/file")
+        response.sendFile("/etc/passwd", "text/plain");
+    else if (request.getURI() == "/redirect")
+        response.redirect("/buffer");
+    else
+        response.send() << text;
+}
+
+TEST_F(HttpServerTest, ServesAPlainRequestToTheByteAsPocoDoes)
+{
+    const test::WithSafeguards guarded(kAnswerAlways);
+    const auto server = serve(answerInEveryWay);
+    const auto reply = [&](const std::string& method, const std::string& uri, const std::string& more) {
+        Peer peer(socket.address().port());
+        peer.send(method + " " + uri + " HTTP/1.1\r\nHost:  a \r\nx-Two: b\r\nx-two: c:d\r\nEmpty:\r\n" +
+                  more);
+        peer.finishSending();
+        std::string text = peer.rest();
+        if (const auto date = text.find("Date: "); date != std::string::npos) text.erase(date, 37);
+        return text;
+    };
+    for (const auto* uri :
+         {"/buffer", "/chunks", "/length", "/open", "/none", "/file", "/redirect", "/poco", "/std"})
+        for (const auto* more : {"\r\n", "Connection: close\r\n\r\n", "Content-Length: 4\r\n\r\nbody",
+                                 "Content-Length: 0\r\n\r\n"})
+            for (const auto* method : {"GET", "POST"}) {
+                if (std::string("POST") == method && std::string(more).find("Length") == std::string::npos)
+                    continue;
+                SCOPED_TRACE(std::string(method) + uri + more);
+                EXPECT_EQ(reply(method, uri, more), reply(method, uri, std::string("Expect: no\r\n") + more));
+            }
+    server->stop();
+}
+
+TEST_F(HttpServerTest, TakesRequestsInPiecesAndSeveralAtOnce)
+{
+    const test::WithSafeguards guarded(kAnswerAlways);
+    const auto server = serve(answerInEveryWay);
+    const std::string request = test::get("/buffer") + test::post("/chunks", "body") + test::get("/buffer");
+    for (std::size_t first = 0; first < request.size(); first += 7) {
+        Peer peer(socket.address().port());
+        peer.send(request.substr(0, first));
+        const bool has_one = first >= test::get("/buffer").size();
+        std::string last = has_one ? peer.message() : "";  // so the first piece has arrived
+        peer.send(request.substr(first));
+        for (int i = has_one ? 1 : 0; i < 3; ++i) last = peer.message();
+        EXPECT_EQ(test::bodyOf(last).substr(0, 11), "GET /buffer") << first;
+    }
+    const std::string none[] = {"GET /a b HTTP/1.1\r\n\r\n", "GET\r\n\r\n",
+                                "GET /a HTTP/1.1\r\nno colon\r\n\r\n",
+                                "POST /a HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nab"};
+    for (const auto& text : none) {
+        Peer peer(socket.address().port());
+        peer.send(text);
+        peer.finishSending();
+        peer.rest();  // whatever POCO makes of it
+    }
+    EXPECT_EQ(test::bodyOf(ask(test::get("/buffer"))).substr(0, 11), "GET /buffer");
+    server->stop();
 }
 
 }  // namespace

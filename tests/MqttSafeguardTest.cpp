@@ -159,8 +159,8 @@ TEST_F(MqttSafeguardTest, AWorkerGoesOnWithTheQueueAndALongHandlerHoldsUpNobody)
             const std::string text(static_cast<char*>(message->payload),
                                    static_cast<std::size_t>(message->payloadlen));
             if (text == "wait") valve.pass();  // until a later message has been handled
-            if (text == "free") valve.open(1);
             order.add(text);
+            if (text == "free") valve.open(1);
         },
         "a");
     paho.deliver("a", "wait");

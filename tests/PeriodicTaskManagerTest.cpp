@@ -11,6 +11,7 @@
 
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/WithSafeguards.h"
 
 namespace kro
 {
@@ -56,6 +57,7 @@ namespace
 {
 using namespace std::chrono_literals;
 using test::LogCapture;
+using test::WithSafeguards;
 using Access = PeriodicTaskManagerTestAccess;
 using Periods = std::multiset<unsigned long>;
 
@@ -86,9 +88,14 @@ protected:
     }
     /// Lets passes sleep for 10 ms only.
     void hurry() { Access::periods(*manager).insert(1); }
-    bool idlePool()
+    bool poolUses(int threads)
     {
-        return test::eventually([&] { return Access::pool(*manager).used() == 0; });
+        return test::eventually([&] { return Access::pool(*manager).used() == threads; });
+    }
+    bool idlePool() { return poolUses(0); }
+    void occupy(int threads, const std::shared_future<void>& until)
+    {
+        for (int i = 0; i < threads; ++i) Access::pool(*manager).start([until] { until.wait(); });
     }
     static std::vector<test::LogLine> lines() { return LogCapture::instance().lines(); }
 
@@ -101,16 +108,14 @@ protected:
 TEST_F(PeriodicTaskManagerTest, CountsIdsFromOneAndUsesNoneForARefusal)
 {
     EXPECT_EQ(add(*manager, 5ms, [] {}), 1u);
-    EXPECT_EQ(add(*manager, 0ms, [] {}), 0u);
-    EXPECT_EQ(add(*manager, -1ms, [] {}), 0u);
+    for (const auto refused : {0ms, -1ms}) EXPECT_EQ(add(*manager, refused, [] {}), 0u);
     EXPECT_EQ(add(*manager, 5ms, {}), 0u);
     EXPECT_EQ(add(*manager, 1ms, [] {}), 2u) << "the shortest period there is, and a name that exists";
     EXPECT_EQ(manager->getTaskCount(), 2u);
+    const auto registered = test::information("registerTask task name: x, period: lu count: [ERRFMT]");
+    const auto refused = test::error("period error period: lu");
     EXPECT_EQ(lines(),
-              (std::vector{test::information("registerTask task name: x, period: lu count: [ERRFMT]"),
-                           test::error("period error period: lu"), test::error("period error period: lu"),
-                           test::error("task Func is nullptr!"),
-                           test::information("registerTask task name: x, period: lu count: [ERRFMT]")}))
+              (std::vector{registered, refused, refused, test::error("task Func is nullptr!"), registered}))
         << "as the prescribed argument types print";
 }
 
@@ -129,34 +134,25 @@ TEST_F(PeriodicTaskManagerTest, KeepsACancelledTaskUntilTheCleanUp)
     EXPECT_FALSE(manager->cancelTask(id));
     EXPECT_EQ(lines(), (std::vector{test::information("cancelTask id: [ERRFMT], period: lu, count: lu"),
                                     test::error("Task ID [lu] not found!")}));
-}
-
-TEST_F(PeriodicTaskManagerTest, ErasesThePeriodOfAnotherTaskOnASecondCancel)
-{
     const unsigned int first = add(*manager, 5ms, [] {});
     for (const auto period : {5ms, 5ms, 7ms}) add(*manager, period, [] {});
     for (const Periods& left : {Periods{5, 5, 7}, Periods{5, 7}, Periods{7}, Periods{7}}) {
         EXPECT_TRUE(manager->cancelTask(first));
-        EXPECT_EQ(Access::periods(*manager), left);
+        EXPECT_EQ(Access::periods(*manager), left) << "a second cancel erases the period of another task";
     }
-    EXPECT_EQ(manager->getTaskCount(), 4u);
 }
 
 TEST_F(PeriodicTaskManagerTest, ListsToTheByte)
 {
     Access::setNextId(*manager, 7);
-    add(*manager, 1000ms, [] {});
+    std::string name = "a b";
+    manager->registerTask(
+        name, 1000ms, [] {}, -1ms);
+    manager->cancelTask(7);
     std::stringstream listing;
     listing << "before ";
     manager->showAllTaskInfo(listing);
-    EXPECT_EQ(listing.str(), "before task id   name  period    timout    status \n7  x  1000ms  0ms 0\n");
-    std::string name = "a b";
-    manager->registerTask(
-        name, 2ms, [] {}, -1ms);
-    manager->cancelTask(8);
-    listing.str("");
-    manager->showAllTaskInfo(listing);
-    EXPECT_NE(listing.str().find("\n8  a b  2ms  -1ms 4\n"), std::string::npos) << listing.str();
+    EXPECT_EQ(listing.str(), "before task id   name  period    timout    status \n7  a b  1000ms  -1ms 4\n");
 }
 
 TEST_F(PeriodicTaskManagerTest, LogsWhatAFunctionThrowsAndKeepsTheTaskScheduled)
@@ -202,28 +198,25 @@ TEST_F(PeriodicTaskManagerTest, HandsOverWhatIsDueAndNothingTwiceAtATime)
 
 TEST_F(PeriodicTaskManagerTest, LetsARunThatIsCancelledEndAndForgetsItsTask)
 {
-    std::atomic<bool> began{false};
-    const unsigned int id = add(*manager, 1h, [&] { began = true, released.wait(); });
-    const auto task = Access::record(*manager, id);
-    Access::handOver(*manager, task);
-    ASSERT_TRUE(test::eventually([&] { return began.load(); }));
-    manager->cancelTask(id);
-    release();
-    ASSERT_TRUE(idlePool());
-    EXPECT_EQ(manager->getTaskStatus(id), TASK_CANCELLED);
-    hurry();
-    Access::pass(*manager);
-    EXPECT_EQ(manager->getTaskCount(), 0u);
-}
-
-TEST_F(PeriodicTaskManagerTest, DoesNotRunATaskThatIsCancelledBeforeItBegins)
-{
-    const auto task = Access::record(*manager, add(*manager, 1h, [] { ADD_FAILURE() << "must not run"; }));
-    task->task_status = TASK_RUNNING;
-    task->task_abort = true;
-    Access::handOver(*manager, task);
-    ASSERT_TRUE(idlePool());
-    EXPECT_EQ(task->task_status, TASK_CANCELLED);
+    for (const unsigned bits : {0u, unsigned{kWatchTimeouts}}) {
+        const WithSafeguards guarded(bits);
+        std::promise<void> began;
+        std::promise<void> end;
+        const unsigned int id = add(
+            *manager, 1h, [&] { began.set_value(), end.get_future().wait(); }, bits == 0 ? 0ms : 1h);
+        const auto task = Access::record(*manager, id);
+        task->task_status = TASK_RUNNING;
+        Access::handOver(*manager, task);
+        began.get_future().wait();
+        manager->cancelTask(id);
+        end.set_value();
+        ASSERT_TRUE(idlePool());
+        Access::handOver(*manager, task);  // had it been cancelled before it began: must not run
+        ASSERT_TRUE(idlePool());
+        EXPECT_EQ(manager->getTaskStatus(id), TASK_CANCELLED);
+        Access::cleanUp(*manager);
+        EXPECT_EQ(manager->getTaskCount(), 0u);
+    }
 }
 
 TEST_F(PeriodicTaskManagerTest, TakesATenthOfTheShortestPeriodAndLogsByItsRule)
@@ -248,23 +241,49 @@ TEST_F(PeriodicTaskManagerTest, TakesATenthOfTheShortestPeriodAndLogsByItsRule)
     }
 }
 
-TEST_F(PeriodicTaskManagerTest, LooksOnceAndDeclaresNoTimeOutForARunThatIsWatchedInTime)
+TEST_F(PeriodicTaskManagerTest, DeclaresATimeOutOfARunThatIsWatchedInTimeOnlyWhenAsked)
 {
+    const struct
+    {
+        unsigned bits;
+        TaskStatus at_time_out;
+        TaskStatus afterwards;
+    } rows[] = {{0, TASK_RUNNING, TASK_IDLE}, {kWatchTimeouts, TASK_TIMEOUT, TASK_TIMEOUT}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.bits);
+        const WithSafeguards guarded(row.bits);
+        std::promise<void> end;
+        const unsigned int id = add(
+            *manager, 1h, [&] { end.get_future().wait(); }, 1s);
+        LogCapture::instance().clear();
+        hurry();
+        makeDue(id);
+        Access::pass(*manager);
+        ASSERT_TRUE(poolUses(2));
+        ASSERT_TRUE(poolUses(1)) << "the watch has ended";
+        EXPECT_EQ(manager->getTaskStatus(id), row.at_time_out);
+        end.set_value();
+        ASSERT_TRUE(idlePool());
+        EXPECT_EQ(manager->getTaskStatus(id), row.afterwards);
+        EXPECT_EQ(LogCapture::instance().has(test::error("Task id: [ERRFMT], timeout: lu - will be deleted")),
+                  row.bits != 0);
+    }
+}
+
+TEST_F(PeriodicTaskManagerTest, EndsAWatchWithItsRunAndJudgesNoOtherRunByIt)
+{
+    const WithSafeguards guarded(kWatchTimeouts);
+    std::atomic<int> runs{0};
     const unsigned int id = add(
-        *manager, 1h, [&] { released.wait(); }, 3s);
-    const auto task = Access::record(*manager, id);
-    LogCapture::instance().clear();
-    task->task_status = TASK_RUNNING;
-    Access::handOver(*manager, task);
-    ASSERT_TRUE(test::eventually([&] { return Access::pool(*manager).used() == 2; }));
-    ASSERT_TRUE(test::eventually([&] { return Access::pool(*manager).used() == 1; }))
-        << "the watch has ended";
-    EXPECT_EQ(task->task_status, TASK_RUNNING) << "without a verdict, though the time-out has passed";
-    EXPECT_FALSE(task->task_abort);
-    release();
-    ASSERT_TRUE(idlePool());
-    EXPECT_EQ(task->task_status, TASK_IDLE);
-    EXPECT_TRUE(lines().empty());
+        *manager, 1h, [&] { ++runs; }, 24h);
+    hurry();
+    for (int run = 1; run <= 40; ++run) {  // more than there are threads to be held for a day
+        makeDue(id);
+        Access::pass(*manager);
+        ASSERT_TRUE(idlePool());
+        EXPECT_EQ(runs, run);
+        EXPECT_EQ(manager->getTaskStatus(id), TASK_IDLE);
+    }
 }
 
 TEST_F(PeriodicTaskManagerTest, KeepsATaskThatTimedOutInTheTableForGood)
@@ -291,23 +310,59 @@ TEST_F(PeriodicTaskManagerTest, KeepsATaskThatTimedOutInTheTableForGood)
     EXPECT_EQ(manager->getTaskStatus(id), TASK_TIMEOUT);
 }
 
-TEST_F(PeriodicTaskManagerTest, LosesATaskWhoseWatchIsRefused)
+TEST_F(PeriodicTaskManagerTest, LosesATaskWhoseWatchIsRefusedUnlessItMayRunUnwatched)
 {
-    for (int i = 0; i < 31; ++i) Access::pool(*manager).start([held = released] { held.wait(); });
-    const unsigned int id = add(
-        *manager, 7ms, [] { ADD_FAILURE() << "the run is lost"; }, 1h);
-    LogCapture::instance().clear();
-    makeDue(id);
-    Access::pass(*manager);
-    ASSERT_TRUE(test::eventually([&] { return Access::pool(*manager).used() == 31; }));
-    EXPECT_TRUE(LogCapture::instance().has(test::error("exception: No thread available")));
-    EXPECT_TRUE(LogCapture::instance().has(test::error("No thread available")));
+    for (const unsigned bits : {0u, unsigned{kWaitForThread}}) {
+        SCOPED_TRACE(bits);
+        const WithSafeguards guarded(bits);
+        std::atomic<int> runs{0};
+        const unsigned int id = add(
+            *manager, 1h, [&] { ++runs; }, 1h);
+        std::promise<void> end;
+        occupy(31, end.get_future().share());
+        LogCapture::instance().clear();
+        hurry();
+        makeDue(id);
+        Access::pass(*manager);
+        ASSERT_TRUE(poolUses(31));
+        EXPECT_TRUE(LogCapture::instance().has(test::error("exception: No thread available")));
+        EXPECT_EQ(LogCapture::instance().has(test::error("No thread available")), bits == 0);
+        EXPECT_EQ(LogCapture::instance().countPrefix("Task id: "), bits == 0 ? 0u : 1u);
+        end.set_value();
+        ASSERT_TRUE(idlePool());
+        EXPECT_EQ(runs, bits == 0 ? 0 : 1);
+        EXPECT_EQ(manager->getTaskStatus(id), bits == 0 ? TASK_RUNNING : TASK_IDLE);
+    }
+}
+
+TEST_F(PeriodicTaskManagerTest, KeepsWhatFindsNoThreadDueAndHandsItOverByTheLengthOfItsWait)
+{
+    const WithSafeguards guarded(kWaitForThread);
+    std::string order;  // one pool thread at a time runs what writes to it
+    std::vector<unsigned int> ids;
+    for (char name = 'a'; name < 'd'; ++name) {
+        ids.push_back(add(*manager, 1h, [&order, name] { order += name; }));
+        Access::record(*manager, ids.back())->task_last_run -= 1h + 1min * (name - 'a');
+    }
+    const auto task = Access::record(*manager, ids[0]);
+    const auto last_run = task->task_last_run;
+    occupy(32, released);
+    hurry();
+    for (int i = 0; i < 2; ++i) Access::pass(*manager);
+    EXPECT_EQ(LogCapture::instance().countPrefix("no thread for "), 1u) << "told once";
+    EXPECT_EQ(LogCapture::instance().countPrefix("exception: "), 0u);
+    for (const auto id : ids) EXPECT_EQ(manager->getTaskStatus(id), TASK_IDLE);
+    EXPECT_EQ(task->task_last_run, last_run);
     release();
     ASSERT_TRUE(idlePool());
-    makeDue(id);
-    Access::pass(*manager);
-    EXPECT_EQ(manager->getTaskStatus(id), TASK_RUNNING) << "never due again";
-    EXPECT_EQ(Access::pool(*manager).used(), 0);
+    std::promise<void> end;
+    occupy(31, end.get_future().share());
+    for (int i = 0; i < 3; ++i) {
+        Access::pass(*manager);
+        ASSERT_TRUE(poolUses(31));
+    }
+    end.set_value();
+    EXPECT_EQ(order, "cba");
 }
 
 TEST_F(PeriodicTaskManagerTest, RunsFromStartToStopAndAgain)
@@ -387,17 +442,13 @@ void runOne(void (*function)())
     PeriodicTaskManager::getInstance().startPeriodMonitorTask();
 }
 
-TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyFromWithinATask)
+TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyFromWithinATaskAndBesideOneThatNeverReturns)
 {
     const auto exit_inside = [] {
         runOne([] { std::exit(7); });
         pause();
     };
     EXPECT_EXIT(exit_inside(), testing::ExitedWithCode(7), "");
-}
-
-TEST(PeriodicTaskManagerDeathTest, ExitsCleanlyBesideATaskThatNeverReturns)
-{
     static std::atomic<bool> s_began{false};
     const auto exit_beside = [] {
         runOne([] {

@@ -6,22 +6,24 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <Poco/DateTime.h>
 #include <Poco/Exception.h>
+#include <Poco/JSON/Array.h>
 #include <Poco/Net/SocketAddress.h>
-#include <Poco/PipeStream.h>
-#include <Poco/Process.h>
-#include <Poco/StreamCopier.h>
 #include <Poco/ThreadPool.h>
 
+#include "JsonText.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/RawHttp.h"
+#include "support/WithSafeguards.h"
 
 namespace kro
 {
@@ -50,6 +52,7 @@ using Response = Poco::Net::HTTPServerResponse;
 
 const std::string kNotFound = R"({"code": -1, "msg": "api not found"})";
 const std::string kNoBody = R"({"code": -1, "msg": "body not found or cannot be resolved to json"})";
+const std::string kChunkedPost = "POST /index/api/body HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
 const std::string kJsonHead =
     "HTTP/1.1 200 OK\r\nConnection: Keep-Alive\r\nContent-Type: application/json\r\nTransfer-Encoding: "
     "chunked\r\n";
@@ -132,29 +135,6 @@ protected:
     WebApiBasic& api = *owner;
 };
 
-TEST_F(WebApiBasicTest, AnswersCurl)
-{
-    start();
-    const std::string url = "http://127.0.0.1:" + std::to_string(port());
-    const auto curl = [](std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"-s", "--max-time", "20"});
-        Poco::Pipe out;
-        const auto process = Poco::Process::launch("curl", arguments, nullptr, &out, nullptr);
-        Poco::PipeInputStream stream(out);
-        std::string answer;
-        Poco::StreamCopier::copyToString(stream, answer);
-        process.wait();
-        return answer;
-    };
-    EXPECT_EQ(curl({url + "/index/api/echo?x=1&x=2&y=a+b"}), "GET x=1 y=a b");
-    EXPECT_EQ(curl({"-d", "", url + "/index/api/echo"}), "POST");
-    EXPECT_EQ(curl({url + "/index/api/result"}), R"({"alpha":0,"zeta":1})");
-    EXPECT_EQ(curl({"-d", R"({"a":1,"b":{}})", url + "/index/api/body"}), R"({"members":2})");
-    EXPECT_EQ(curl({"-H", "Transfer-Encoding: chunked", "-d", R"({"a":1})", url + "/index/api/body"}),
-              R"({"members":1})");
-    EXPECT_EQ(curl({"-w", " %{http_code} %{content_type}", url + "/nothing"}), kNotFound + " 200 ");
-}
-
 TEST_F(WebApiBasicTest, MatchesTheDecodedPathByteForByte)
 {
     api.apiRegist("/a/b", [](Request&, Response& response, const ApiParams&) { text(response, "found"); });
@@ -163,7 +143,7 @@ TEST_F(WebApiBasicTest, MatchesTheDecodedPathByteForByte)
         EXPECT_EQ(test::bodyOf(ask(get(path))), "found") << path;
     for (const auto& path : {"/a/b/", "/A/b", "/a//b", "/a", "/a/b%00", "/a/../a/b", "//a/b"})
         EXPECT_EQ(test::bodyOf(ask(get(path))), kNotFound) << path;
-    EXPECT_EQ(test::bodyOf(ask(get("/index/api/echo?x=a+b&y=%2B%C3%A4&=e"))), "GET x=a b y=+\xc3\xa4 =e");
+    EXPECT_EQ(test::bodyOf(ask(get("/index/api/echo?x=a+b&x=2&y=%2B%C3%A4&=e"))), "GET x=a b y=+\xc3\xa4 =e");
 }
 
 TEST_F(WebApiBasicTest, SendsResultsChunkedAndCannedBodiesToTheEndOfTheConnection)
@@ -294,7 +274,7 @@ TEST_F(WebApiBasicTest, WritesNothingForTheBuiltInPathsUntilTheHostReplacesThem)
     EXPECT_EQ(test::bodyOf(ask(get("/"))), "mine");
 }
 
-TEST_F(WebApiBasicTest, ForgetsEverythingAtStopAndStartsAgain)
+TEST_F(WebApiBasicTest, ForgetsEverythingAtStopAndStartsAgainAHundredTimes)
 {
     Poco::Net::ServerSocket other(Poco::Net::SocketAddress("127.0.0.1", 0));
     start();
@@ -310,17 +290,13 @@ TEST_F(WebApiBasicTest, ForgetsEverythingAtStopAndStartsAgain)
     api.start(other);
     EXPECT_EQ(Access::entries(api), 3u);
     EXPECT_EQ(WebApiBasic::instance(), owner);
-}
-
-TEST_F(WebApiBasicTest, RegistersStartsAndStopsAHundredTimes)
-{
     for (int i = 0; i < 100; ++i) {
+        api.stop();
         api.apiRegist("/round",
                       [i](Request&, Response&, const ApiParams&, Object& result) { result.set("i", i); });
         start();
         ASSERT_EQ(test::bodyOf(ask(get("/round", "Connection: close\r\n"))),
                   "{\"i\":" + std::to_string(i) + "}");
-        api.stop();
     }
 }
 
@@ -399,12 +375,10 @@ TEST_F(WebApiBasicTest, ServesKeptAndPipelinedRequestsInOrder)
 {
     start();
     Peer peer(port());
-    peer.send(get("/index/api/echo?x=1") + post("/index/api/body", R"({"a":1})") + get("/index/api/result"));
-    EXPECT_EQ(test::bodyOf(peer.message()), "GET x=1");
-    EXPECT_EQ(test::bodyOf(peer.message()), R"({"members":1})");
-    EXPECT_EQ(test::bodyOf(peer.message()), R"({"alpha":0,"zeta":1})");
-    peer.send(get("/index/api/echo?y=2"));
-    EXPECT_EQ(test::bodyOf(peer.message()), "GET y=2");
+    peer.send(get("/index/api/echo?x=1") + post("/index/api/body", R"({"a":1})") + kChunkedPost +
+              "7\r\n{\"b\":2}\r\n0\r\n\r\n" + get("/index/api/result"));
+    for (const auto& body : {"GET x=1", R"({"members":1})", R"({"members":1})", R"({"alpha":0,"zeta":1})"})
+        EXPECT_EQ(test::bodyOf(peer.message()), body);
 }
 
 TEST_F(WebApiBasicTest, OutlivesRequestsThatAreBroken)
@@ -487,6 +461,142 @@ TEST_F(WebApiBasicTest, AnswersOfTwoHundredConnectionsAtOnceAsManyAsPocoTakesAnd
         EXPECT_TRUE(i >= kThreads || !reply.empty()) << i;
     }
     EXPECT_GE(answered, kThreads + kQueue);
+    expectGoodAnswer();
+}
+
+/// With all safeguards, over one connection that is kept unless a test says otherwise.
+class GuardedWebApiTest : public WebApiBasicTest
+{
+protected:
+    GuardedWebApiTest()
+    {
+        api.apiRegist("/plain", [](Request&, Response& response, const ApiParams& params) {
+            if (params.count("chunks") != 0) {
+                response.setChunkedTransferEncoding(true);
+                response.send() << std::string(1u << 20, 'x');
+            }
+            if (!params.empty()) response.set("X-Secret", "inside");
+            if (params.count("int") != 0) throw 5;
+            if (params.count("std") != 0) throw std::runtime_error("inside");
+            if (params.count("poco") != 0 || params.count("chunks") != 0)
+                throw Poco::NotFoundException("inside");
+        });
+        api.apiRegist("/canned");
+        api.apiRegist("/none", ApiHandler());
+        start();
+    }
+
+    const test::WithSafeguards guarded{kAllSafeguards};
+};
+
+const std::string kList = R"({"code":0,"data":["/","/canned","/index/api/body","/index/api/echo",)"
+                          R"("/index/api/getApiList","/index/api/result","/none","/plain"],"msg":"success"})";
+const std::string kSuccess = R"({"code": 0, "msg": "success"})";
+const std::string kBadRequest = R"({"code":-1,"msg":"bad request"})";
+const std::string kInternal = R"({"code":-1,"msg":"internal error"})";
+const std::string kTooLarge = R"({"code":-1,"msg":"request body too large"})";
+
+TEST_F(GuardedWebApiTest, AnswersEveryRequestInFullAndKeepsTheConnection)
+{
+    const struct
+    {
+        std::string request;
+        std::string status;
+        std::string body;
+    } rows[] = {{get("/index/api/result?a=1"), "200", R"({"alpha":1,"zeta":1})"},
+                {get("/"), "200", kList},
+                {get("/index/api/getApiList"), "200", kList},
+                {get("/canned"), "200", kSuccess},
+                {get("/nothing"), "200", kNotFound},
+                {post("/nothing", "GET / HTTP/1.1\r\n\r\n"), "200", kNotFound},
+                {get("/plain"), "200", kSuccess},
+                {get("/plain?poco"), "500", kInternal},
+                {get("/plain?std"), "500", kInternal},
+                {get("/plain?int"), "500", kInternal},
+                {get("/none"), "500", kInternal},
+                {get("/%zz"), "400", kBadRequest},
+                {get("/index/api/echo?x=%zz"), "400", kBadRequest},
+                {post("/index/api/body", "{\"a\": ]" + std::string(100'000, ' ')), "400", kBadRequest},
+                {post("/index/api/body", "null"), "400", kBadRequest},
+                {post("/index/api/body", "[1]"), "400", kBadRequest},
+                {"POST /index/api/body HTTP/1.1\r\n\r\n", "400", kBadRequest},
+                {kChunkedPost + "2\r\n{]\r\n0\r\n\r\n", "400", kBadRequest},
+                {kChunkedPost + "2\r\n{\"\r\n5\r\na\":1}\r\n0\r\n\r\n", "200", R"({"members":1})"}};
+    Peer peer(port());
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.request.substr(0, 60));
+        ASSERT_TRUE(peer.send(row.request));
+        const std::string reply = peer.message();
+        expectStatus(reply, row.status);
+        EXPECT_EQ(test::bodyOf(reply), row.body);
+        EXPECT_NE(reply.find("Content-Length: " + std::to_string(row.body.size())), std::string::npos);
+        EXPECT_NE(reply.find("Content-Type: application/json"), std::string::npos);
+        EXPECT_EQ(reply.find("inside"), std::string::npos);
+    }
+    peer.send("HEAD /index/api/result HTTP/1.1\r\n\r\n" + get("/canned", "Connection: close\r\n"));
+    const std::string both = peer.rest();
+    EXPECT_NE(both.find("Content-Length: 20\r\n"), std::string::npos) << both;
+    EXPECT_NE(both.find("\r\n\r\nHTTP/1.1 200"), std::string::npos) << "no body for HEAD: " << both;
+    EXPECT_TRUE(LogCapture::instance().has(test::error("web api: /plain?int, unknown exception")));
+}
+
+TEST(JsonTextTest, IsWhatPocoWrites)
+{
+    Object inner;
+    inner.set("z", Poco::Dynamic::Var())
+        .set("a", 'c')
+        .set("\u00e4/\"\\\n", std::string("\x01/\xc3\xa4\"\\\t", 7));
+    Poco::JSON::Array list;
+    list.add(1).add(inner).add("");
+    Object all;
+    all.set("", true).set("int", -5).set("long", -6L).set("large", 1ull << 63).set("small", Poco::Int8(7));
+    all.set("double", 0.1).set("whole", 1e30).set("float", 0.5f).set("literal", "text").set("inner", inner);
+    all.set("pointer", Object::Ptr(new Object(inner)))
+        .set("list", list)
+        .set("date", Poco::DateTime(2026, 1, 2));
+    Object unsorted(Poco::JSON_PRESERVE_KEY_ORDER);
+    unsorted.set("b", 1).set("a", 2);
+    Object escaped(Poco::JSON_ESCAPE_UNICODE);
+    escaped.set("\xc3\xa4", "\xc3\xa4");
+    for (const auto& object : {Object(), inner, all, unsorted, escaped}) {
+        std::ostringstream text;
+        object.stringify(text, 0, -1);
+        EXPECT_EQ(detail::jsonText(object), text.str());
+    }
+}
+
+TEST_F(GuardedWebApiTest, EndsNoAnswerInOrderThatWasBrokenOff)
+{
+    Peer peer(port());
+    peer.send(get("/plain?chunks"));
+    const std::string reply = peer.rest();
+    EXPECT_EQ(reply.find("\r\n0\r\n"), std::string::npos) << "half an answer must not look whole";
+    expectGoodAnswer();
+}
+
+TEST_F(GuardedWebApiTest, TakesABodyOf8MiBAndRefusesOneByteMore)
+{
+    const auto chunked = [](const std::string& body) {
+        std::ostringstream text;
+        text << kChunkedPost << std::hex << 9 << "\r\n" << body.substr(0, 9) << "\r\n" << body.size() - 9;
+        return text.str() + "\r\n" + body.substr(9) + "\r\n0\r\n\r\n";
+    };
+    const auto body = [](std::size_t bytes) { return "{\"a\":\"" + std::string(bytes - 8, 'x') + "\"}"; };
+    const std::size_t limit = 8u << 20;
+    for (const auto& request : {post("/index/api/body", body(limit)), chunked(body(limit))})
+        EXPECT_EQ(test::bodyOf(ask(request)), R"({"members":1})");
+    const std::string unsent =
+        "POST /canned HTTP/1.1\r\nContent-Length: " + std::to_string(limit + 1) + "\r\n\r\n";
+    for (const auto& request : {post("/index/api/body", body(limit + 1)), chunked(body(limit + 1)),
+                                unsent + get("/index/api/echo")})
+    {
+        Peer peer(port());
+        peer.send(request);
+        const std::string reply = peer.message();
+        expectStatus(reply, "413");
+        EXPECT_EQ(test::bodyOf(reply), kTooLarge);
+        EXPECT_EQ(peer.rest(), "") << "the connection has ended, and no rest was taken for a request";
+    }
     expectGoodAnswer();
 }
 

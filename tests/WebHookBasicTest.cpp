@@ -1,21 +1,11 @@
 #include "WebHookBasic.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <future>
-#include <iostream>
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <Poco/Exception.h>
 
 #include "Config.h"
-#include "support/Eventually.h"
+#include "support/InChild.h"
 #include "support/LogCapture.h"
 #include "support/RawHttp.h"
 
@@ -24,17 +14,22 @@ namespace kro
 struct WebHookBasicTestAccess
 {
     static bool hasTimer(const WebHookBasic& hook) { return !hook.keepalive_timer.isNull(); }
+    static void tick(WebHookBasic& hook)
+    {
+        Poco::Timer unused(0, 0);
+        hook.onTimer(unused);
+    }
 };
 
 namespace
 {
 using test::eventually;
+using test::inChild;
 using test::LogCapture;
 using test::RawServer;
 using Access = WebHookBasicTestAccess;
-using Clock = std::chrono::steady_clock;
 
-const std::string kOk = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}";
+const std::string kNoJson = "no JSON at all\r\n\r\n";
 
 void configure(bool enable, const std::string& url)
 {
@@ -42,152 +37,96 @@ void configure(bool enable, const std::string& url)
     configInstance()->setString(Hook::kOnServerStarted, url);
 }
 
-/// A receiver that notes when each report came.
-class Receiver
+bool comes(const RawServer& server, std::size_t reports,
+           std::chrono::seconds deadline = std::chrono::seconds(20))
 {
-public:
-    std::size_t count() const { return times().size(); }
-    std::vector<Clock::time_point> times() const
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return arrivals;
-    }
-    std::string url() const { return server.url("/started?token=1"); }
-    std::vector<std::string> requests() const { return server.requests(); }
+    return eventually([&] { return server.requests().size() == reports; }, deadline);
+}
 
-private:
-    mutable std::mutex mutex;  // guards arrivals
-    std::vector<Clock::time_point> arrivals;
-    const RawServer server{[this](test::Peer& peer) {
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            arrivals.push_back(Clock::now());
+// What a report reads of the configuration it keeps for the life of the process, so each of these is one.
+TEST(WebHookReportTest, ReportsNothingWhileDisabledAndEachFunctionKeepsWhatItReadFirst)
+{
+    inChild([] {
+        const RawServer server(kNoJson);
+        const auto hook = WebHookBasic::createInstance();
+        for (const bool enable : {false, true}) {
+            configure(enable, server.url("/"));
+            hook->reportServerStarted();
+            hook->reportServerKeepalive();
+            EXPECT_FALSE(Access::hasTimer(*hook));
         }
-        peer.send("no JSON at all\r\n\r\n");
-    }};
-};
-
-// What a report reads of the configuration it keeps for the life of the process, so each scenario is a
-// process.
-void require(bool holds, const std::string& what)
-{
-    if (holds) return;
-    std::cerr << "not so: " << what << std::endl;
-    _exit(1);
+        Access::tick(*hook);  // reads for itself, and for the first time
+        EXPECT_TRUE(comes(server, 1));
+        ThreadPool::defaultPool().joinAll();
+    });
 }
 
-void endOfScenario()
+TEST(WebHookReportTest, TicksWithoutARequestWhereThereIsNoUrl)
 {
-    ThreadPool::defaultPool().joinAll();
-    _exit(0);
+    inChild([] {
+        configure(true, "");
+        LogCapture::instance().clear();
+        const auto hook = WebHookBasic::createInstance();
+        hook->reportServerStarted();
+        hook->reportServerKeepalive();
+        EXPECT_TRUE(Access::hasTimer(*hook));
+        Access::tick(*hook);
+        ThreadPool::defaultPool().joinAll();
+        EXPECT_TRUE(LogCapture::instance().lines().empty());
+    });
 }
 
-void reportsDisabled()
+TEST(WebHookReportTest, ReportsStartAndKeepaliveToOneUrlAndEndsWithTheProcess)
 {
-    const Receiver receiver;
-    configure(false, receiver.url());
-    const auto hook = WebHookBasic::createInstance();
-    hook->reportServerStarted();
-    hook->reportServerKeepalive();
-    require(!Access::hasTimer(*hook), "no timer while the hook is disabled");
-    configure(true, receiver.url());
-    hook->reportServerStarted();
-    hook->reportServerKeepalive();
-    require(!Access::hasTimer(*hook), "what was read once stays");
-    Poco::Timer unused(0, 0);
-    hook->onTimer(unused);  // reads for itself, and for the first time
-    require(eventually([&] { return receiver.count() == 1; }), "the tick keeps a copy of its own");
-    endOfScenario();
+    inChild([] {
+        static const RawServer s_server(kNoJson);
+        configure(true, s_server.url("/started?token=1"));
+        configInstance()->setString(Hook::kOnServerKeepalive, "http://127.0.0.1:1/never");
+        const auto hook = WebHookBasic::defaultWebHook();
+        hook->reportServerStarted();
+        EXPECT_TRUE(comes(s_server, 1));
+        hook->reportServerKeepalive();
+        EXPECT_TRUE(comes(s_server, 2)) << "the first tick comes at once";
+        hook->reportServerKeepalive();
+        EXPECT_TRUE(comes(s_server, 3)) << "a second call begins with a tick at once";
+        for (const std::string& request : s_server.requests())
+            EXPECT_EQ(request.compare(0, 31, "GET /started?token=1 HTTP/1.1\r\n"), 0) << request;
+        EXPECT_EQ(hook, WebHookBasic::defaultWebHook());
+    });  // with the timer running: the statics must go in peace
 }
 
-void reportsToNowhere()
+TEST(WebHookReportTest, TicksEveryTenSecondsWhateverTheSettings)
 {
-    configure(true, "");
-    LogCapture::instance().clear();
-    const auto hook = WebHookBasic::createInstance();
-    hook->reportServerStarted();
-    hook->reportServerKeepalive();
-    require(Access::hasTimer(*hook), "a timer, also without a url");
-    Poco::Timer unused(0, 0);
-    hook->onTimer(unused);
-    require(ThreadPool::defaultPool().used() == 0, "no request without a url");
-    require(LogCapture::instance().lines().empty(), "no request without a url");
-    endOfScenario();
-}
-
-void reportsTheStartAndBeginsAnew()
-{
-    const Receiver receiver;
-    configure(true, receiver.url());
-    configInstance()->setString(Hook::kOnServerKeepalive, "http://127.0.0.1:1/never");
-    auto hook = WebHookBasic::defaultWebHook();
-    hook->reportServerStarted();
-    require(eventually([&] { return receiver.count() == 1; }), "the start is reported");
-    hook->reportServerKeepalive();
-    require(eventually([&] { return receiver.count() == 2; }), "the first tick comes at once");
-    hook->reportServerKeepalive();
-    require(eventually([&] { return receiver.count() == 3; }), "a second call begins with a tick at once");
-    ThreadPool::defaultPool().joinAll();
-    require(receiver.requests()[0].compare(0, 32, "GET /started?token=1 HTTP/1.1\r\nC") == 0 ||
-                receiver.requests()[0].compare(0, 32, "GET /started?token=1 HTTP/1.1\r\nH") == 0,
-            "the report is a GET of the url as it stands");
-    require(receiver.requests()[1] == receiver.requests()[0], "the same url for start and tick");
-    require(hook == WebHookBasic::defaultWebHook(), "one default reporter");
-    hook.reset();  // exit() leaves locals as they are
-    std::exit(0);  // with the timer running: the statics must go in peace
-}
-
-void ticksEveryTenSeconds()
-{
-    const Receiver receiver;
-    configure(true, receiver.url());
-    configInstance()->setInt(Hook::kAliveInterval, 1);
-    auto hook = WebHookBasic::createInstance();
-    hook->reportServerKeepalive();
-    // Two periods of 10 s, with room for a busy machine, but not for a period of 15 s.
-    require(eventually([&] { return receiver.count() == 3; }, std::chrono::seconds(28)), "three ticks");
-    const auto times = receiver.times();
-    for (std::size_t i = 1; i < 3; ++i)
-        require(times[i] - times[i - 1] > std::chrono::seconds(8), "no sooner than the period");
-    hook.reset();
-    require(receiver.count() == 3, "no tick after the reporter has gone");
-    endOfScenario();
-}
-
-TEST(WebHookBasicDeathTest, ReportsNothingWhileItIsDisabled)
-{
-    EXPECT_EXIT(reportsDisabled(), testing::ExitedWithCode(0), "");
-}
-
-TEST(WebHookBasicDeathTest, TicksWithoutARequestWhereThereIsNoUrl)
-{
-    EXPECT_EXIT(reportsToNowhere(), testing::ExitedWithCode(0), "");
-}
-
-TEST(WebHookBasicDeathTest, ReportsStartAndKeepaliveToOneUrlAndEndsWithTheProcess)
-{
-    EXPECT_EXIT(reportsTheStartAndBeginsAnew(), testing::ExitedWithCode(0), "");
-}
-
-TEST(WebHookBasicDeathTest, TicksEveryTenSecondsWhateverTheSettings)
-{
-    EXPECT_EXIT(ticksEveryTenSeconds(), testing::ExitedWithCode(0), "");
+    inChild([] {
+        const RawServer server(kNoJson);
+        configure(true, server.url("/"));
+        configInstance()->setInt(Hook::kAliveInterval, 1);
+        const auto hook = WebHookBasic::createInstance();
+        const auto start = std::chrono::steady_clock::now();
+        hook->reportServerKeepalive();
+        // Two periods, with room for a busy machine, but not for a period of 15 s.
+        EXPECT_TRUE(comes(server, 3, std::chrono::seconds(28)));
+        EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(19));
+    });
 }
 
 class WebHookRequestTest : public testing::Test
 {
 protected:
-    WebHookRequestTest() { LogCapture::instance().clear(); }
+    using Calls = std::vector<std::pair<int, std::size_t>>;  // status and members of each
 
-    static std::string answer(const std::string& status, const std::string& body)
+    /// Makes a request that gets `reply`; its callback throws at each of the first `failures` calls.
+    Calls request(const std::string& reply, std::size_t failures = 0)
     {
-        return "HTTP/1.1 " + status + " x\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
-               body;
-    }
-    void request(const std::string& url, const HookResponseCallback& callback)
-    {
-        hook->doHttpRequest(url, callback);
+        const RawServer server(reply);
+        Calls calls;
+        LogCapture::instance().clear();
+        hook->doHttpRequest(server.url("/"), [&](auto status, Poco::JSON::Object& object) {
+            calls.emplace_back(static_cast<int>(status), object.size());
+            if (calls.size() <= failures) throw Poco::NotFoundException("mine");
+        });
         ThreadPool::defaultPool().joinAll();
+        return calls;
     }
 
     const std::shared_ptr<WebHookBasic> hook = WebHookBasic::createInstance();
@@ -195,76 +134,32 @@ protected:
 
 TEST_F(WebHookRequestTest, HandsOverTheRealStatusAndAnObjectThatIsEmptyForAnyOtherBody)
 {
-    using Call = std::pair<int, std::size_t>;
-    const std::vector<std::pair<std::string, Call>> rows = {{answer("200", R"({"a":1,"b":2})"), {200, 2}},
-                                                            {answer("404", R"({"a":1})"), {404, 1}},
-                                                            {answer("200", "[1]"), {200, 0}},
-                                                            {answer("500", ""), {500, 0}},
-                                                            {answer("200", "null"), {200, 0}},
-                                                            {answer("200", "no JSON"), {200, 0}},
-                                                            {"", {400, 0}}};
+    const std::string head = "HTTP/1.1 200 OK\r\n\r\n";
+    const std::pair<std::string, Calls> rows[] = {{head + R"({"a":1,"b":2})", {{200, 2}}},
+                                                  {"HTTP/1.1 404 x\r\n\r\n{\"a\":1}", {{404, 1}}},
+                                                  {"HTTP/1.1 500 x\r\nContent-Length: 0\r\n\r\n", {{500, 0}}},
+                                                  {head + "[1]", {{200, 0}}},
+                                                  {head + "null", {{200, 0}}},
+                                                  {head + "no JSON", {{200, 0}}},
+                                                  {"", {{400, 0}}}};
     for (const auto& [reply, expected] : rows) {
-        SCOPED_TRACE(reply);
-        const RawServer server(reply);
-        std::vector<Call> calls;
-        request(server.url("/"), [&](auto status, Poco::JSON::Object& object) {
-            calls.emplace_back(static_cast<int>(status), object.size());
-        });
-        EXPECT_EQ(calls, std::vector{expected});
+        EXPECT_EQ(request(reply), expected) << reply;
         EXPECT_EQ(LogCapture::instance().lines().size(), reply.empty() ? 1u : 0u)
             << "the client's line alone";
     }
-}
-
-TEST_F(WebHookRequestTest, RunsACallbackThatThrowsAgainWithAnEmptyObject)
-{
-    using Call = std::pair<int, std::size_t>;
-    const RawServer server(answer("200", R"({"a":1})"));
-    std::vector<Call> calls;
-    const auto throwing = [&](std::size_t times) {
-        calls.clear();
-        return [&, times](auto status, Poco::JSON::Object& object) {
-            calls.emplace_back(static_cast<int>(status), object.size());
-            if (calls.size() <= times) throw Poco::NotFoundException("mine");
-        };
-    };
-    request(server.url("/"), throwing(1));
-    EXPECT_EQ(calls, (std::vector<Call>{{200, 1}, {200, 0}}));
+    EXPECT_EQ(request(rows[0].first, 1), (Calls{{200, 2}, {200, 0}})) << "runs again with an empty object";
     EXPECT_TRUE(LogCapture::instance().lines().empty());
-    request(server.url("/"), throwing(2));
-    EXPECT_EQ(calls, (std::vector<Call>{{200, 1}, {200, 0}, {400, 0}})) << "the client's own second call";
-    EXPECT_EQ(LogCapture::instance().lines().size(), 1u);
+    EXPECT_EQ(request(rows[0].first, 2), (Calls{{200, 2}, {200, 0}, {400, 0}})) << "the client's second call";
 }
 
 TEST_F(WebHookRequestTest, TakesAnEmptyCallbackForAnObjectAlone)
 {
-    const RawServer object(kOk);
-    request(object.url("/"), {});
-    EXPECT_TRUE(LogCapture::instance().lines().empty());
-    const RawServer array(answer("200", "[]"));
-    request(array.url("/"), {});
-    EXPECT_TRUE(eventually([] { return LogCapture::instance().has(test::error("bad_function_call")); }));
-}
-
-TEST_F(WebHookRequestTest, PassesTheRefusalOfTheFullPoolToItsCaller)
-{
-    std::promise<void> over;
-    const auto held = over.get_future().share();
-    for (int i = 0; i < 32; ++i) ThreadPool::defaultPool().start([held] { held.wait(); });
-    EXPECT_THROW(hook->doHttpRequest("http://127.0.0.1/", {}), Poco::NoThreadAvailableException);
-    over.set_value();
-    ThreadPool::defaultPool().joinAll();
-}
-
-TEST(OnceTokenTest, RunsOneFunctionAtOnceAndTheOtherAtTheEnd)
-{
-    std::vector<std::string> runs;
-    {
-        const onceToken token([&] { runs.emplace_back("begin"); }, [&] { runs.emplace_back("end"); });
-        EXPECT_EQ(runs, std::vector<std::string>{"begin"});
+    for (const std::string body : {"{}", "[]"}) {
+        const RawServer server("HTTP/1.1 200 OK\r\n\r\n" + body);
+        hook->doHttpRequest(server.url("/"), {});
+        ThreadPool::defaultPool().joinAll();
+        EXPECT_EQ(LogCapture::instance().has(test::error("bad_function_call")), body == "[]");
     }
-    EXPECT_EQ(runs, (std::vector<std::string>{"begin", "end"}));
-    const onceToken empty({}, {});
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 
 #include "KroApi.h"
 
+/// @file
+/// The envelope of JSON replies.
+
 /// The standard body of a web API's reply: {"code":0,"msg":"ok"}, without white space and with "code" first.
 /// Stands outside namespace kro. Any thread.
 /// @param code  has no meaning to the library; a negative one keeps its sign.

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
@@ -165,16 +166,18 @@ void replaceFile(std::string path, const std::string& text)
 {
     const std::unique_ptr<char, void (*)(void*)> target(realpath(path.c_str(), nullptr), std::free);
     if (target) path = target.get();
-    std::string beside = path + ".XXXXXX";
-    const int file = mkstemp(beside.data());
+    // A name of this call's own; what a process of the same number left there in a crash goes. The mode of a file that
+    // is new is the process's, by its umask.
+    static std::atomic<unsigned> calls{0};
+    const std::string beside = path + "." + std::to_string(getpid()) + "-" + std::to_string(++calls);
+    unlink(beside.c_str());
+    const int file = open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     require(file >= 0, "cannot create a file beside " + path);
     try {
         struct stat former = {};
         if (stat(path.c_str(), &former) == 0) {
             if (fchown(file, former.st_uid, former.st_gid) != 0) errno = 0;  // not ours to give away
             require(fchmod(file, former.st_mode & 07777) == 0, "cannot set the mode of " + beside);
-        } else {
-            require(fchmod(file, 0644) == 0, "cannot set the mode of " + beside);
         }
         for (std::size_t done = 0; done < text.size();) {
             const ssize_t written = write(file, text.data() + done, text.size() - done);

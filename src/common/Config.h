@@ -19,6 +19,7 @@ extern KRO_API const std::string kSslPort;   ///< "http.sslport", a number, defa
 extern KRO_API const std::string kApiDebug;  ///< "http.apiDebug", a bool, default true
 }  // namespace http
 
+/// As above, for RPC.
 namespace rpc
 {
 extern KRO_API const std::string kRpcPort;  ///< "rpc.port", a number, default 9527
@@ -34,7 +35,7 @@ KRO_API Poco::Util::JSONConfiguration* configInstance();
 /// Each sets its defaults in the tree, over whatever the keys hold at that moment: call the ones that you
 /// want first and loadConfig() after them. They touch no file.
 KRO_API void initHttpOption();
-KRO_API void initRpcOption();
+KRO_API void initRpcOption();  ///< as above
 
 /// The settings of a TLS server, below "openSSL.server". "${application.configDir}" and "${application.name}"
 /// are stored as they stand; POCO expands them when a host reads such a key from a configuration that defines

@@ -44,7 +44,7 @@ using HttpResponseCallback = std::function<void(Poco::Net::HTTPResponse::HTTPSta
 class KRO_API HttpClient
 {
 public:
-    HttpClient();
+    HttpClient();  ///< costs an idle pool of one thread
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
 
@@ -61,7 +61,9 @@ public:
     void doHttpRequest(std::string url, std::string body, HttpResponseCallback callback);
 
     /// POST of a form in its own encoding. Returns at once; throws as above.
-    /// @param form  is not copied: it must live, untouched, until the callback has returned.
+    /// @param url       as above.
+    /// @param form      is not copied: it must live, untouched, until the callback has returned.
+    /// @param callback  as above.
     void doHttpRequest(std::string url, Poco::Net::HTMLForm& form, HttpResponseCallback callback);
 
     /// The POST of a text on the calling thread; returns after the callback has.

@@ -5,6 +5,9 @@
 #include <Poco/Exception.h>
 #include <Poco/SharedPtr.h>
 
+#include "Safeguards.h"
+#include "ServedConnection.h"
+
 namespace kro
 {
 
@@ -34,7 +37,12 @@ HttpServer::HttpServer(const Poco::Net::ServerSocket& socket,
 {
     const Poco::SharedPtr<Poco::Net::HTTPRequestHandlerFactory> factory(
         new RequestHandlerFactory(std::move(callback)));
-    server = std::make_unique<Poco::Net::HTTPServer>(factory, socket, std::move(params));
+    // Safeguard: the same answers with fewer calls of the system.
+    if (safeguarded(kAnswerAlways))
+        server = std::make_unique<Poco::Net::TCPServer>(new detail::ServedConnectionFactory(params, factory),
+                                                        socket, params);
+    else
+        server = std::make_unique<Poco::Net::HTTPServer>(factory, socket, std::move(params));
 }
 
 HttpServer::~HttpServer() = default;

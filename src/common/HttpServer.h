@@ -27,6 +27,9 @@ using RequestCallback = std::function<void(Poco::Net::HTTPServerRequest&, Poco::
 /// Turns one function into an HTTP server on a listening socket of the caller. It routes nothing, sets no
 /// header and reads no configuration: threads, queue, keep-alive and time-outs are what the parameters say.
 ///
+/// With kAnswerAlways, chosen before the construction, a request that has arrived whole is served with two
+/// calls of the system instead of ten; what it reads and what goes out is the same.
+///
 /// start() and stop() take no lock: call them from one thread.
 class KRO_API HttpServer
 {
@@ -78,7 +81,7 @@ private:
         RequestCallback request_callback;
     };
 
-    std::unique_ptr<Poco::Net::HTTPServer> server;  // null only while the constructor runs
+    std::unique_ptr<Poco::Net::TCPServer> server;  // null only while the constructor runs
 };
 
 }  // namespace kro

@@ -27,6 +27,9 @@
 #include "KroApi.h"
 #include "LogFormat.h"
 
+/// @file
+/// The log: its begin and end, its mask, the macros that write a line, and the channel behind them.
+
 namespace kro
 {
 
@@ -230,8 +233,11 @@ std::string logText(const char* format, const First& first, const Rest&... rest)
                                      __FILE__, __LINE__);                                             \
     } while (false)
 
+/// A line at ERROR, for what an operator should see.
 #define KRO_LOG_ERROR(...) KRO_LOG_AT(::Poco::Message::PRIO_ERROR, __VA_ARGS__)
+/// A line at WARNING, for what has been got over.
 #define KRO_LOG_WARNING(...) KRO_LOG_AT(::Poco::Message::PRIO_WARNING, __VA_ARGS__)
+/// A line at INFORMATION, for the course of things.
 #define KRO_LOG_INFORMATION(...) KRO_LOG_AT(::Poco::Message::PRIO_INFORMATION, __VA_ARGS__)
 
 #endif

@@ -84,6 +84,32 @@ detail::HandlerPlaces& placesOfAllClients()
     return *places;
 }
 
+// Makes and destroys the handles of the process one at a time: the end of the last one shuts Paho down, with Paho's
+// mutex open in between, and a handle that is made at that moment goes down with it. Taken under client_mutex, never
+// on a thread of Paho's.
+std::mutex s_handles_mutex;
+MQTTAsync s_spare_handle = nullptr;  // guarded by it
+
+int makeHandle(MQTTAsync* handle, const char* uri, const char* client_id)
+{
+    const std::lock_guard<std::mutex> lock(s_handles_mutex);
+    return MQTTAsync_create(handle, uri, client_id, MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+}
+
+/// @param for_good  no other handle takes its place.
+void destroyHandle(MQTTAsync handle, bool for_good)
+{
+    const std::lock_guard<std::mutex> lock(s_handles_mutex);
+    // The last handle waits for Paho's threads to end, for up to a second. At the end of a client a spare one, never
+    // connected, spares it that. Before a reconnection the wait is shorter than what it saves: a thread of Paho's
+    // that was idle before looks at a new connection up to a second late, a new one at once.
+    if (safeguarded(kPromptTeardown) && for_good && s_spare_handle == nullptr)
+        MQTTAsync_create(&s_spare_handle, "tcp://127.0.0.1:1883", "spare", MQTTCLIENT_PERSISTENCE_NONE,
+                         nullptr);
+    if (!for_good && s_spare_handle != nullptr) MQTTAsync_destroy(&s_spare_handle);
+    MQTTAsync_destroy(&handle);
+}
+
 // How many handlers of one client are at work at one time, where the clients do not share their places.
 constexpr int MAX_IN_FLIGHT_HANDLERS = 64;
 
@@ -354,8 +380,7 @@ void MqttClient::Create_l()
         return;
     }
     MQTTAsync handle = nullptr;
-    const int created = MQTTAsync_create(&handle, impl->server_uri.c_str(), impl->client_id.c_str(),
-                                         MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+    const int created = makeHandle(&handle, impl->server_uri.c_str(), impl->client_id.c_str());
     if (created != MQTTASYNC_SUCCESS) {
         KRO_LOG_ERROR("Failed to create async mqtt client, return code %d", created);
         impl->connection_state = Disconnected;
@@ -366,7 +391,7 @@ void MqttClient::Create_l()
     const int set = MQTTAsync_setCallbacks(handle, this, OnConnectionLost, OnMessageArrived, nullptr);
     if (set != MQTTASYNC_SUCCESS) {
         KRO_LOG_ERROR("Failed to set callbacks, return code %d", set);
-        MQTTAsync_destroy(&handle);
+        destroyHandle(handle, false);
         impl->async_client = nullptr;
         impl->connection_state = Disconnected;
         return;
@@ -605,8 +630,8 @@ void MqttClient::OnResubscribeFailure(void* context, MQTTAsync_failureData* resp
 void MqttClient::Subscribe(MessageHandler handler, std::string topic, int qos)
 {
     std::weak_ptr<MqttClient> weak;
-    const bool safe = safeguarded(kSafeLifetime);
-    if (safe) weak = weak_from_this();
+    if (safeguarded(kSafeLifetime)) weak = weak_from_this();
+    const bool safe = !weak.expired();  // not so where no std::shared_ptr owns the client
     // Settled: the task holds a plain pointer. Hosts keep the client until their Subscribe calls have run.
     const std::function<void()> task = [this, safe, weak = std::move(weak), handler = std::move(handler),
                                         topic = std::move(topic), qos] {
@@ -1005,17 +1030,19 @@ void MqttClient::Impl::HandOverFront(std::unique_lock<std::mutex>& queue_lock, H
 void MqttClient::Impl::ProcessInPlaces()
 {
     // Short beside the time that a slow handler takes, long beside a thread's wake.
-    constexpr std::chrono::microseconds kLook(500);
+    constexpr std::chrono::microseconds kShortestLook(500), kLongestLook(8000);
     std::unique_lock<std::mutex> lock(queue_mutex);
     while (processor_started) {
         processor_waits = true;
         queue_cv.wait(lock, [this] { return !processor_started || message_queue.size() > workers_to_come; });
         processor_waits = false;
+        auto look = kShortestLook;
         while (processor_started && message_queue.size() > workers_to_come) {
-            if (workers == 0 || !drains_in_place || FallBehind_l()) StartWorker(lock);
+            const bool started = (workers == 0 || !drains_in_place || FallBehind_l()) && StartWorker(lock);
+            look = started ? kShortestLook : std::min(2 * look, kLongestLook);
             taken = 0;
             if (drains_in_place)
-                queue_cv.wait_for(lock, kLook, [this] { return !processor_started || workers == 0; });
+                queue_cv.wait_for(lock, look, [this] { return !processor_started || workers == 0; });
         }
     }
     queue_cv.wait(lock, [this] { return workers == 0; });  // for as long as a handler runs
@@ -1029,7 +1056,7 @@ bool MqttClient::Impl::FallBehind_l() const
     return taken < message_queue.size() && (message_queue.size() > workers || taken == 0);
 }
 
-void MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
+bool MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
 {
     constexpr std::chrono::milliseconds kRetry(10);
     // Without a worker, or with one for each entry, there is nothing to do but to wait for a place.
@@ -1037,7 +1064,7 @@ void MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
     queue_lock.unlock();
     const bool placed = wait ? places->take(processor_started) : places->tryTake();
     queue_lock.lock();
-    if (!placed) return;
+    if (!placed) return false;
     ++workers;
     ++workers_to_come;
     queue_lock.unlock();
@@ -1051,10 +1078,11 @@ void MqttClient::Impl::StartWorker(std::unique_lock<std::mutex>& queue_lock)
         places->giveBack();
     }
     queue_lock.lock();
-    if (started) return;
+    if (started) return true;
     --workers;
     --workers_to_come;
     queue_cv.wait_for(queue_lock, kRetry, [this] { return !processor_started; });
+    return false;
 }
 
 void MqttClient::Impl::Work()
@@ -1140,7 +1168,7 @@ void MqttClient::Impl::ClearQueue()
 void MqttClient::Impl::Cleanup()
 {
     const std::lock_guard<std::mutex> lock(client_mutex);
-    MQTTAsync handle = async_client;
+    const MQTTAsync handle = async_client;
     if (handle == nullptr) return;
     MQTTAsync_setCallbacks(handle, nullptr, nullptr, nullptr, nullptr);
     std::promise<void> ended;  // until the handle is gone, and with it the callbacks that point here
@@ -1148,7 +1176,7 @@ void MqttClient::Impl::Cleanup()
     async_client = nullptr;  // first: a publish looks without the mutex, and must not see what is gone
     // With kSafeLifetime: those that have seen it end their send, for which they need nothing of ours.
     while (publishing > 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
-    MQTTAsync_destroy(&handle);
+    destroyHandle(handle, stop_reconnect);
     KRO_LOG_INFORMATION("destroy mqtt client");
     resubscribed.clear();
     // Settled: a second for Paho's threads to let go of the handle, with client_mutex held. Not needed: Paho

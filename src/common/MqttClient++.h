@@ -49,6 +49,15 @@ class ThreadPool;
 ///
 /// What handlers and callbacks capture is destroyed with internal locks held: the destructors of captures
 /// must not call into any client, nor hold the last reference to one.
+///
+/// **With safeguards** (Safeguards.h) most of these rules fall. kWaitForThread: at most 24 handlers of all clients
+/// run at once and the rest wait in their queues, so that no message ends the process. kKeepTrying: what Paho
+/// refuses at once is tried again as well. kSingleRelease and kSafeLifetime: a client may end with messages
+/// waiting, with tasks under way and on any thread, a handler's or callback's included; there the call that drops
+/// the last reference returns at once, the client ends on a thread of its own, and callbacks may still come for a
+/// moment. PublishMessage() may be called in the callbacks of Connect(). kPromptTeardown: an end takes
+/// milliseconds, more only while published messages of QoS 1 or 2 are not acknowledged, for up to 5 s, or while
+/// a handler runs.
 class KRO_API MqttClient : public std::enable_shared_from_this<MqttClient>
 {
 public:
@@ -96,14 +105,16 @@ public:
     bool IsConnected();
 
     /// Adds a handler for a topic filter and subscribes it at the broker, on a pool thread; without a
-    /// connection the next connect success does it, at QoS 1. Every reconnection subscribes at QoS 1.
+    /// connection the next connect success does it, at QoS 1. Every reconnection subscribes at QoS 1 (with
+    /// kKeepQos at the highest QoS asked for the filter, and a refusal by the broker is logged at ERROR).
     /// Failures are only logged. If the pool is full the work is done on the calling thread, which may then
     /// wait for a running connection step.
     /// @param handler  runs on a pool thread; what it throws is dropped. Add one for each call: a second call
     ///                 for a filter adds a second handler.
     /// @param topic    MQTT topic filter. Inbound topics are looked up by the exact key; failing that, by the
     ///                 text in front of the first "/#" or else "/+", as a plain prefix, first match only:
-    ///                 "a/+/c" also gets "a/b/d" and "abc", while "#" and "+/x" get nothing.
+    ///                 "a/+/c" also gets "a/b/d" and "abc", while "#" and "+/x" get nothing. With
+    ///                 kTopicMatching: all filters that match by MQTT 3.1.1 section 4.7.
     /// @param qos      0, 1 or 2 (MQTT 3.1.1 section 4.3).
     void Subscribe(MessageHandler handler, std::string topic, int qos);
 
@@ -129,7 +140,8 @@ public:
 
     /// Throws away everything that waits in the inbound queue.
     /// With an empty queue it does nothing. Settled: with entries it releases each payload twice, which the
-    /// platform's allocator answers by ending the process. Do not call it on a queue that may hold messages.
+    /// platform's allocator answers by ending the process. Do not call it on a queue that may hold messages,
+    /// unless kSingleRelease is set.
     void EmergencyClear();
 
     /// @return a copy of the client identifier; logs it.

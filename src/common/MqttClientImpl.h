@@ -99,7 +99,8 @@ struct MqttClient::Impl
 
     /// The processor with places: it starts workers, and they take the entries from the queue themselves.
     void ProcessInPlaces();
-    void StartWorker(std::unique_lock<std::mutex>& queue_lock);  // as HandOverFront; waits for a place
+    /// False if there was no place or no thread. Waits for a place where there is nothing else to do.
+    bool StartWorker(std::unique_lock<std::mutex>& queue_lock);  // queue_mutex held
     void Work();  // on a pool thread, with a place; ends with the queue, or when its place is wanted
     bool FallBehind_l() const;  // queue_mutex held
 

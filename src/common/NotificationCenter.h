@@ -37,8 +37,8 @@ public:
     /// A callable that threw while it was fired.
     struct Failure
     {
-        std::string name;
-        std::exception_ptr error;
+        std::string name;          ///< of its entry
+        std::exception_ptr error;  ///< what it threw
     };
 
     NotificationCenter() = default;  ///< a centre of its own; services share defaultCenter()
@@ -52,6 +52,7 @@ public:
 
     /// Adds an entry, or replaces whatever has the name. A fire() that is under way may still call a callable
     /// that was replaced.
+    /// @param name    one name is one entry; any text.
     /// @param object  kept with its type T.
     /// @throws std::invalid_argument if `object` is null, which find() couldn't tell from no entry.
     template <typename T>
@@ -62,6 +63,7 @@ public:
     }
 
     /// As set(), with an entry that fire() calls.
+    /// @param name      fire() goes by how it begins.
     /// @param callable  runs on the thread that fires; an empty one fails with std::bad_function_call.
     void setCallable(const std::string& name, std::function<void()> callable);
 

@@ -7,7 +7,10 @@
 #include <exception>
 #include <utility>
 
+#include <Poco/Exception.h>
+
 #include "Logger.h"
+#include "Safeguards.h"
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -21,17 +24,25 @@ namespace kro
 /// goes.
 struct PeriodicTaskManager::ExitGate
 {
-    /// Sleeps as std::this_thread::sleep_for() does, but no longer than until the manager's end.
-    void sleep(milliseconds duration)
+    /// Sleeps as std::this_thread::sleep_for() does, but no longer than until the manager's end or `ended`,
+    /// which is asked under the mutex.
+    template <typename Ended>
+    void sleep(std::unique_lock<std::mutex>& lock, milliseconds duration, Ended ended)
     {
         constexpr milliseconds kMostAtOnce =
             std::chrono::hours(1);  // the clock can't tell a time centuries ahead
-        std::unique_lock<std::mutex> lock(mutex);
-        while (duration.count() > 0 && !closing) {
+        const auto over = [&] { return closing || ended(); };
+        while (duration.count() > 0 && !over()) {
             const milliseconds piece = std::min(duration, kMostAtOnce);
-            changed.wait_for(lock, piece, [this] { return closing; });
+            changed.wait_for(lock, piece, over);
             duration -= piece;
         }
+    }
+
+    void sleep(milliseconds duration)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        sleep(lock, duration, [] { return false; });
     }
 
     /// The monitor's first step: returns when who starts it is through with monitor_thread, which a function
@@ -45,10 +56,17 @@ struct PeriodicTaskManager::ExitGate
         changed.notify_all();
     }
 
-    std::mutex mutex;                 // guards all below; a leaf
-    std::condition_variable changed;  // closing was set or monitors has sunk
+    std::mutex mutex;                 // guards all below, WatchedRun and how a watched run ends; a leaf
+    std::condition_variable changed;  // closing was set, monitors has sunk, or a watched run is over
     bool closing = false;             // the manager ends: nobody sleeps any more
     int monitors = 0;                 // threads that may still touch the manager
+};
+
+/// What a run shares with its watch; guarded by the gate's mutex. The task itself may be in its next run
+/// already when a watch looks.
+struct PeriodicTaskManager::WatchedRun
+{
+    bool over = false;
 };
 
 /// The process's manager, and how it ends with the process while its threads are at work, be they the
@@ -204,18 +222,22 @@ void PeriodicTaskManager::showAllTaskInfo(std::stringstream& stream)
     }
 }
 
-void PeriodicTaskManager::executeTask(const std::shared_ptr<TaskContext>& task)
+bool PeriodicTaskManager::callFunction_l(const std::shared_ptr<TaskContext>& task)
 {
     try {
         task->task_func();
-        if (task->task_abort || task->task_status == TASK_TIMEOUT) return;
+        return !task->task_abort && task->task_status != TASK_TIMEOUT;
     } catch (const std::exception& e) {
         KRO_LOG_ERROR("Task id: %d, execution failed: %s", task->task_id, e.what());
-        if (task->task_abort) return;
     } catch (...) {
         KRO_LOG_ERROR("Task id: %d, unknown execution error", task->task_id);
-        if (task->task_abort) return;
     }
+    return !task->task_abort;
+}
+
+void PeriodicTaskManager::executeTask(const std::shared_ptr<TaskContext>& task)
+{
+    if (!callFunction_l(task)) return;
     // A cancel that comes just here is overwritten; the next run then finds task_abort and cancels once more.
     task->task_status = TASK_FINISHED;
     task->task_status = TASK_IDLE;
@@ -229,7 +251,8 @@ void PeriodicTaskManager::startPeriodMonitorTask()
     const std::lock_guard<std::mutex> starting(exit_gate->mutex);
     monitor_thread = std::thread([this, gate = exit_gate] {
         gate->monitorEnters();
-        // Settled: nothing is caught here. A full pool, or anything else that a pass throws, ends the process.
+        // Settled: nothing is caught here. A full pool, or anything else that a pass throws, ends the
+        // process.
         while (monitor_running) monitorPeriodTasks();
         gate->monitorLeaves();  // from here on the manager may be gone
     });
@@ -246,6 +269,7 @@ void PeriodicTaskManager::monitorPeriodTasks()
 {
     const auto now = steady_clock::now();
     due_tasks.clear();
+    std::vector<steady_clock::time_point> former_runs;  // of due_tasks
     {
         const std::lock_guard<std::mutex> lock(tasks_mutex);
         for (const auto& entry : tasks) {
@@ -255,14 +279,51 @@ void PeriodicTaskManager::monitorPeriodTasks()
             const auto waited = std::chrono::duration_cast<milliseconds>(now - task.task_last_run);
             if (task.task_status != TASK_IDLE || task.task_period > waited) continue;
             due_tasks.push_back(entry.second);
-            task.task_last_run = now;
-            task.task_status = TASK_RUNNING;
+        }
+        // Safeguard: who has waited longest comes first, or the last ones of the table would starve.
+        if (safeguarded(kWaitForThread))
+            std::sort(due_tasks.begin(), due_tasks.end(), [](const auto& one, const auto& other) {
+                return one->task_last_run < other->task_last_run;
+            });
+        for (const auto& task : due_tasks) {
+            former_runs.push_back(task->task_last_run);
+            task->task_last_run = now;
+            task->task_status = TASK_RUNNING;
         }
     }
-    for (const auto& task : due_tasks) executeTaskWithTimeout(task);
+    if (safeguarded(kWaitForThread))
+        handOverWhileThereAreThreads_l(former_runs);
+    else
+        for (const auto& task : due_tasks) executeTaskWithTimeout(task);
     cleanUpTasks();
     adjustMonitorInterval();
     if (monitor_interval.count() >= 1) exit_gate->sleep(monitor_interval);
+}
+
+// Safeguard: what finds no thread is idle again, and as overdue as before. It costs a look at the pool for
+// each hand-over.
+void PeriodicTaskManager::handOverWhileThereAreThreads_l(
+    const std::vector<steady_clock::time_point>& former_runs)
+{
+    std::size_t started = 0;
+    try {
+        // The pool logs a refusal as an error; what can be foreseen isn't one.
+        for (; started < due_tasks.size() && thread_pool.available() > 0; ++started)
+            executeTaskWithTimeout(due_tasks[started]);
+    } catch (const Poco::Exception&) {  // a watch has taken the last thread, or the system has none to give
+    }
+    const bool none_left = started < due_tasks.size();
+    if (none_left && !lacks_threads)
+        KRO_LOG_WARNING("no thread for %d due tasks, they wait for the next pass",
+                        static_cast<int>(due_tasks.size() - started));
+    lacks_threads = none_left;
+    const std::lock_guard<std::mutex> lock(tasks_mutex);
+    for (; started < due_tasks.size(); ++started) {
+        TaskContext& task = *due_tasks[started];
+        task.task_last_run = former_runs[started];
+        TaskStatus expected = TASK_RUNNING;  // it may have been cancelled
+        task.task_status.compare_exchange_strong(expected, TASK_IDLE);
+    }
 }
 
 void PeriodicTaskManager::executeTaskWithTimeout(const std::shared_ptr<TaskContext>& task)
@@ -281,17 +342,76 @@ void PeriodicTaskManager::run_l(const std::shared_ptr<TaskContext>& task)
         const std::lock_guard<std::mutex> lock(tasks_mutex);
         task->task_exec_start = steady_clock::now();
     }
-    // Settled: where the pool refuses the watch, the exception ends this run before its function was called;
-    // the task stays TASK_RUNNING and is never due again.
-    if (task->task_timeout.count() > 0) timeoutMonitor(task);
+    std::shared_ptr<WatchedRun> run;
+    if (task->task_timeout.count() > 0) {
+        if (safeguarded(kWatchTimeouts)) run = std::make_shared<WatchedRun>();
+        startWatch_l(task, run);
+    }
     s_inside_run = true;
-    executeTask(task);
+    if (run)
+        executeWatched_l(task, *run);
+    else
+        executeTask(task);
     s_inside_run = false;
 }
 
-void PeriodicTaskManager::timeoutMonitor(const std::shared_ptr<TaskContext>& task)
+void PeriodicTaskManager::startWatch_l(const std::shared_ptr<TaskContext>& task,
+                                       const std::shared_ptr<WatchedRun>& run)
 {
-    thread_pool.startWithPriority([this, task] { watch_l(task); }, "monitor task", true);
+    try {
+        timeoutMonitor(task, run);
+    } catch (const Poco::Exception& e) {
+        // Settled: the exception ends this run before its function was called; the task stays TASK_RUNNING
+        // and is never due again.
+        if (!safeguarded(kWaitForThread)) throw;
+        KRO_LOG_WARNING("Task id: %d, runs unwatched: %s", static_cast<int>(task->task_id), e.displayText());
+    }
+}
+
+void PeriodicTaskManager::executeWatched_l(const std::shared_ptr<TaskContext>& task, WatchedRun& run)
+{
+    const bool goes_on = callFunction_l(task);
+    const std::lock_guard<std::mutex> lock(exit_gate->mutex);
+    run.over = true;
+    exit_gate->changed.notify_all();
+    TaskStatus expected = TASK_RUNNING;  // a time-out or a cancel that came just before stays
+    if (goes_on && task->task_status.compare_exchange_strong(expected, TASK_FINISHED))
+        task->task_status = TASK_IDLE;
+}
+
+void PeriodicTaskManager::timeoutMonitor(const std::shared_ptr<TaskContext>& task,
+                                         std::shared_ptr<WatchedRun> run)
+{
+    thread_pool.startWithPriority(
+        [this, task, run = std::move(run)] {
+            if (run)
+                watchToTheEnd_l(task, *run);
+            else
+                watch_l(task);
+        },
+        "monitor task", true);
+}
+
+// Safeguard: looks at the time-out, and is gone with the run. It costs a wake of every sleeping watch at the
+// end of each watched run.
+void PeriodicTaskManager::watchToTheEnd_l(const std::shared_ptr<TaskContext>& task, const WatchedRun& run)
+{
+    steady_clock::time_point started;
+    {
+        const std::lock_guard<std::mutex> lock(tasks_mutex);
+        started = task->task_exec_start;
+    }
+    const auto elapsed = std::chrono::duration_cast<milliseconds>(steady_clock::now() - started);
+    {
+        std::unique_lock<std::mutex> lock(exit_gate->mutex);
+        exit_gate->sleep(lock, task->task_timeout - elapsed, [&run] { return run.over; });
+        if (run.over || exit_gate->closing) return;
+        TaskStatus expected = TASK_RUNNING;
+        if (!task->task_status.compare_exchange_strong(expected, TASK_TIMEOUT)) return;  // cancelled
+        task->task_abort = true;
+    }
+    const long timeout_ms = task->task_timeout.count();
+    KRO_LOG_ERROR("Task id: %d, timeout: %llu - will be deleted", task->task_id, timeout_ms);
 }
 
 void PeriodicTaskManager::watch_l(const std::shared_ptr<TaskContext>& task)

@@ -34,15 +34,15 @@ enum TaskStatus : std::int32_t
 /// The record of one task. Runs share it with the table, so it outlives its removal while one is under way.
 struct TaskContext
 {
-    unsigned int task_id = 0;
-    std::chrono::milliseconds task_period{0};               // at least 1
-    std::function<void()> task_func;                        // called by one thread at a time
-    std::chrono::milliseconds task_timeout{0};              // of one run; 0 or less for none
-    std::atomic<TaskStatus> task_status{TASK_IDLE};         // read and written by pool threads without a lock
-    std::atomic<bool> task_abort{false};                    // likewise; set for good at an end, never cleared
-    std::chrono::steady_clock::time_point task_last_run;    // of the last hand-over; guarded by tasks_mutex
-    std::chrono::steady_clock::time_point task_exec_start;  // of the last run; guarded by tasks_mutex
-    std::string task_name;
+    unsigned int task_id = 0;                             ///< from 1 up
+    std::chrono::milliseconds task_period{0};             ///< at least 1
+    std::function<void()> task_func;                      ///< called by one thread at a time
+    std::chrono::milliseconds task_timeout{0};            ///< of one run; 0 or less for none
+    std::atomic<TaskStatus> task_status{TASK_IDLE};       ///< read and written by pool threads without a lock
+    std::atomic<bool> task_abort{false};                  ///< likewise; set for good at an end, never cleared
+    std::chrono::steady_clock::time_point task_last_run;  ///< of the last hand-over; guarded by tasks_mutex
+    std::chrono::steady_clock::time_point task_exec_start;  ///< of the last run; guarded by tasks_mutex
+    std::string task_name;                                  ///< for the listing and the pool's thread
 };
 
 /// Runs functions again and again, each at its own period, on a pool of up to 32 threads: the process's one
@@ -64,10 +64,13 @@ struct TaskContext
 /// All operations may be called from any thread, a task's function included. A function may throw: that is
 /// logged, and it runs again at its next period.
 ///
-/// Limits to plan with. More than 32 runs at a time end the process, and a run with a time-out takes two
-/// threads, the second one for the whole time-out. If that second thread isn't to be had, the run is lost:
-/// the function isn't called, the refusal is logged, and the task stays TASK_RUNNING for ever and never runs
-/// again. Every run leaves some hundred bytes behind until the process ends.
+/// Limits to plan with, where no safeguard lifts them. More than 32 runs at a time end the process, and a run
+/// with a time-out takes two threads, the second one for the whole time-out. If that second thread isn't to
+/// be had, the run is lost: the function isn't called, the refusal is logged, and the task stays TASK_RUNNING
+/// for ever and never runs again. Every run leaves some hundred bytes behind until the process ends. With
+/// kWaitForThread a due task waits for a thread, the longest overdue first, and a run whose watch finds none
+/// goes unwatched; with kWatchTimeouts a time-out is declared when it is over, and the second thread is free
+/// when the run ends.
 class KRO_API PeriodicTaskManager : public std::enable_shared_from_this<PeriodicTaskManager>
 {
 public:
@@ -87,9 +90,9 @@ public:
     /// @param name     for the listing and the pool's thread; need not be unique.
     /// @param period   at least 1 ms, from one hand-over to the next.
     /// @param func     runs on a pool thread, never twice at a time.
-    /// @param timeout  of one run; 0 or less for none. It is looked at once, when a run begins: only if the
-    ///                 watch gets its thread after the time-out has passed is the run found to be late, and
-    ///                 its task never runs again. The function goes on in any case.
+    /// @param timeout  of one run; 0 or less for none. Without kWatchTimeouts it is looked at once, when a run
+    ///                 begins: only if the watch gets its thread after the time-out has passed is the run found
+    ///                 to be late, and its task never runs again. The function goes on in any case.
     /// @return the task's id, from 1 up; 0 if the period or the function is refused, which is logged.
     /// @throws std::system_error if the table's mutex can't be locked.
     unsigned int registerTask(std::string& name, std::chrono::milliseconds period, std::function<void()> func,
@@ -127,15 +130,27 @@ public:
 private:
     struct ExitGate;
     struct Instance;
+    struct WatchedRun;
 
     PeriodicTaskManager();
     ~PeriodicTaskManager();
 
     void monitorPeriodTasks();                                              // one pass, on the monitor thread
     void executeTaskWithTimeout(const std::shared_ptr<TaskContext>& task);  // hands a run to the pool
-    void run_l(const std::shared_ptr<TaskContext>& task);           // on a pool thread; takes tasks_mutex
-    void timeoutMonitor(const std::shared_ptr<TaskContext>& task);  // hands a watch to the pool
-    void watch_l(const std::shared_ptr<TaskContext>& task);         // on a pool thread; takes tasks_mutex
+    void run_l(const std::shared_ptr<TaskContext>& task);  // on a pool thread; takes tasks_mutex
+    /// Calls the function. @return false if the task's state is not to change after it.
+    bool callFunction_l(const std::shared_ptr<TaskContext>& task);
+    void startWatch_l(const std::shared_ptr<TaskContext>& task, const std::shared_ptr<WatchedRun>& run);
+    void executeWatched_l(const std::shared_ptr<TaskContext>& task,
+                          WatchedRun& run);  // takes the gate's mutex
+    /// Hands a watch to the pool; with a `run` it is one that looks again.
+    void timeoutMonitor(const std::shared_ptr<TaskContext>& task, std::shared_ptr<WatchedRun> run = nullptr);
+    void watch_l(const std::shared_ptr<TaskContext>& task);  // on a pool thread; takes tasks_mutex
+    /// On a pool thread; takes tasks_mutex, then the gate's.
+    void watchToTheEnd_l(const std::shared_ptr<TaskContext>& task, const WatchedRun& run);
+    /// Of due_tasks, with the hand-overs before this pass. Takes tasks_mutex.
+    void handOverWhileThereAreThreads_l(
+        const std::vector<std::chrono::steady_clock::time_point>& former_runs);
     void cleanUpTasks();
     void adjustMonitorInterval();
     /// Ends all runs and sleeps, and waits for the threads; may be repeated. Takes tasks_mutex and the
@@ -155,7 +170,8 @@ private:
     std::atomic<bool> monitor_running{true};          // the only link to the detached thread
     std::multiset<unsigned long> task_periods;        // of live tasks, in ms, so that the shortest is at hand
     std::vector<std::shared_ptr<TaskContext>> due_tasks;  // of the monitor thread alone, so needs no lock
-    const std::shared_ptr<ExitGate> exit_gate;            // what the threads share with the destructor
+    bool lacks_threads = false;  // of the monitor thread alone: the last pass left due tasks without one
+    const std::shared_ptr<ExitGate> exit_gate;  // what the threads share with the destructor
 };
 
 }  // namespace kro

@@ -35,6 +35,7 @@ public:
     /// @param idle_seconds  after so many seconds without a task a thread above the minimum ends.
     /// @param stack_bytes   stack of each thread, 0 for the platform's default.
     ThreadPool(int min_capacity, int max_capacity, int idle_seconds, int stack_bytes);
+    /// As above, with a name, which shows in those of its Poco::Threads.
     ThreadPool(const std::string& name, int min_capacity, int max_capacity, int idle_seconds,
                int stack_bytes);
     ~ThreadPool();
@@ -53,10 +54,13 @@ public:
     void start(std::function<void()> task);
 
     /// As above.
+    /// @param task  likewise.
     /// @param name  of the thread for this run, as Poco::ThreadPool::start takes it.
     void start(std::function<void()> task, const std::string& name);
 
     /// As start(), at one of two priorities.
+    /// @param task          likewise.
+    /// @param name          likewise.
     /// @param low_priority  true for Poco::Thread::PRIO_LOWEST, false for Poco::Thread::PRIO_NORMAL.
     void startWithPriority(std::function<void()> task, const std::string& name, bool low_priority);
 
@@ -123,7 +127,7 @@ using TaskManagerBase =
 class KRO_API TaskManager : public detail::TaskManagerBase
 {
 public:
-    /// @param name  of the manager's own pool; the rest as for ThreadPool.
+    /// Makes a pool of its own, whose name and limits are given as to ThreadPool.
     TaskManager(const std::string& name, int min_capacity, int max_capacity, int idle_seconds,
                 int stack_bytes);
 

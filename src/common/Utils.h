@@ -67,6 +67,7 @@ enum ListFileType : std::int32_t
 
 /// Collects the files below a directory, in no order. Links are followed: a link to a directory is descended
 /// into, and a loop of links ends in an exception when the kernel has had enough of it.
+/// @param dir     where to begin; it isn't looked at itself.
 /// @param files   full paths are put at its back; what it held before stays, also when this throws.
 /// @param type    a value beyond the enumeration ends each directory at its first plain file, and
 ///                collects nothing.

@@ -1,15 +1,27 @@
 #include "WebApiBasic.h"
 
+#include <algorithm>
 #include <exception>
+#include <istream>
+#include <limits>
 #include <list>
+#include <optional>
+#include <sstream>
 #include <utility>
+#include <vector>
 
 #include <Poco/Exception.h>
+#include <Poco/JSON/Array.h>
 #include <Poco/JSON/ParseHandler.h>
 #include <Poco/JSON/Parser.h>
+#include <Poco/Net/HTTPServerRequestImpl.h>
+#include <Poco/Timestamp.h>
 #include <Poco/URI.h>
 
+#include "ApiCommon.h"
+#include "JsonText.h"
 #include "Logger.h"
+#include "Safeguards.h"
 
 namespace kro
 {
@@ -65,6 +77,16 @@ public:
         if (requests != 0 && !replaced.front().empty()) retired.splice(retired.end(), replaced);
     }
 
+    /// @return the keys of the table, sorted; none after close(), when the registry may be gone.
+    std::vector<std::string> paths(const Table& table)
+    {
+        std::vector<std::string> keys;
+        const std::lock_guard<std::mutex> lock(table_mutex);
+        if (!readable) return keys;
+        for (const auto& entry : table) keys.push_back(entry.first);
+        return keys;
+    }
+
     /// A request in the dispatcher, and its handler: null if there is none, or after close(), when the
     /// registry may be gone.
     class Request
@@ -113,6 +135,16 @@ auto queryOf(const Uri& uri, long) -> decltype(uri.getQueryParameters())
     return uri.getQueryParameters();
 }
 
+/// Whether Poco::URI, which takes its time, would make a path of the whole text and leave it as it is.
+bool isPlainPath(const std::string& uri)
+{
+    const auto is_plain = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+               c == '-' || c == '/';
+    };
+    return uri.size() > 1 && uri[0] == '/' && uri[1] != '/' && std::all_of(uri.begin(), uri.end(), is_plain);
+}
+
 ApiParams paramsOf(const Poco::URI& uri)
 {
     ApiParams params;
@@ -139,6 +171,125 @@ void logged(Step step)
     }
 }
 
+/// Runs `step`, which makes something of what the client has sent: where that fails the status says who is to
+/// blame, which counts with kAnswerAlways only.
+template <typename Step>
+auto readingInput(HTTPServerResponse& response, Step step)
+{
+    try {
+        return step();
+    } catch (const Poco::Exception&) {
+        response.setStatusAndReason(HTTPServerResponse::HTTP_BAD_REQUEST);
+        throw;
+    }
+}
+
+/// Sends a whole JSON answer with its length in one piece.
+void sendWhole(HTTPServerResponse& response, const std::string& json)
+{
+    if (!response.has(HTTPServerResponse::CONTENT_TYPE)) response.setContentType("application/json");
+    const auto status = response.getStatus();
+    if (status < 200 || status == HTTPServerResponse::HTTP_NO_CONTENT ||
+        status == HTTPServerResponse::HTTP_NOT_MODIFIED)
+        response.send();  // these have no body, and so no length
+    else
+        response.sendBuffer(json.data(), json.size());
+}
+
+void sendCanned(HTTPServerResponse& response, const std::string& json)
+{
+    if (safeguarded(kAnswerAlways))
+        sendWhole(response, json);  // Safeguard: with a length, so that the connection is kept
+    else
+        response.send() << json;
+}
+
+void sendResult(HTTPServerResponse& response, const Poco::JSON::Object& result)
+{
+    if (!safeguarded(kAnswerAlways)) {
+        result.stringify(response.send(), 0, -1);
+        return;
+    }
+    // Safeguard: one send instead of three. It costs a copy of the text.
+    sendWhole(response, detail::jsonText(result));
+}
+
+/// The answer to a request that has thrown; with nothing of the exception in it, which may tell of the
+/// inside. Called in the handler of the exception.
+void answerFailure(HTTPServerRequest& request, HTTPServerResponse& response)
+{
+    if (response.sent()) {
+        // Chunks would be ended in order, and half an answer taken for a whole one. POCO closes the
+        // connection.
+        auto* const received = dynamic_cast<Poco::Net::HTTPServerRequestImpl*>(&request);
+        if (received != nullptr && response.getChunkedTransferEncoding()) received->socket().shutdown();
+        throw;
+    }
+    const bool bad_input = response.getStatus() == HTTPServerResponse::HTTP_BAD_REQUEST;
+    const bool keep = response.getKeepAlive();
+    response.clear();  // headers that the handler meant for its own answer
+    response.setDate(Poco::Timestamp());
+    response.setKeepAlive(keep);
+    response.setStatusAndReason(bad_input ? HTTPServerResponse::HTTP_BAD_REQUEST
+                                          : HTTPServerResponse::HTTP_INTERNAL_SERVER_ERROR);
+    sendWhole(response, makeJsonDefault(-1, bad_input ? "bad request" : "internal error"));
+}
+
+constexpr std::streamsize kMostBodyBytes = 8 << 20;  // with kBoundedRequests
+
+/// Takes what nobody has read of a body of known length out of the way of the next request.
+void skipRest(HTTPServerRequest& request, HTTPServerResponse& response)
+{
+    if (!response.getKeepAlive() || !request.hasContentLength() || request.getChunkedTransferEncoding())
+        return;
+    std::istream& body = request.stream();
+    body.clear();
+    body.ignore(kMostBodyBytes + 1);
+    if (!body.eof()) response.setKeepAlive(false);
+}
+
+/// Answers 413 and ends the connection, since the rest of the body stands in it. That rest is thrown away for
+/// a moment: a client that is still sending would be cut off before it has read the answer.
+void refuseBody(HTTPServerRequest& request, HTTPServerResponse& response)
+{
+    const std::string json = makeJsonDefault(-1, "request body too large");
+    response.setStatusAndReason(HTTPServerResponse::HTTP_REQUESTENTITYTOOLARGE);
+    response.setKeepAlive(false);
+    response.setContentType("application/json");
+    response.setContentLength(static_cast<std::streamsize>(json.size()));
+    (response.send() << json).flush();
+    auto* const received = dynamic_cast<Poco::Net::HTTPServerRequestImpl*>(&request);
+    if (received == nullptr) return;
+    Poco::Net::StreamSocket& socket = received->socket();
+    socket.shutdownSend();
+    char part[16384];
+    const Poco::Timestamp end = Poco::Timestamp() + Poco::Timespan(1, 0).totalMicroseconds();
+    for (Poco::Timestamp now; now < end; now.update())
+        if (!socket.poll(Poco::Timespan(end - now), Poco::Net::Socket::SELECT_READ) ||
+            socket.receiveBytes(part, sizeof part) <= 0)
+            break;
+}
+
+/// A request whose body has been read already.
+class ReadRequest : public HTTPServerRequest
+{
+public:
+    ReadRequest(HTTPServerRequest& request, const std::string& text) : original(request), body(text)
+    {
+        Poco::Net::HTTPRequest::operator=(request);
+    }
+    std::istream& stream() override { return body; }
+    const Poco::Net::SocketAddress& clientAddress() const override { return original.clientAddress(); }
+    const Poco::Net::SocketAddress& serverAddress() const override { return original.serverAddress(); }
+    const Poco::Net::HTTPServerParams& serverParams() const override { return original.serverParams(); }
+    HTTPServerResponse& response() const override { return original.response(); }
+    bool secure() const override { return original.secure(); }
+
+private:
+    HTTPServerRequest& original;
+    std::istringstream body;
+};
+
 void announceJson(HTTPServerResponse& response)
 {
     response.setChunkedTransferEncoding(true);
@@ -153,7 +304,7 @@ void answerResult(HTTPServerResponse& response, Fill fill)
         Poco::JSON::Object result(0);
         fill(result);
         // Settled: nothing is written for an empty result. A handler that answers on its own leaves it empty.
-        if (result.size() > 0) result.stringify(response.send(), 0, -1);
+        if (result.size() > 0) sendResult(response, result);
     });
 }
 }  // namespace
@@ -174,13 +325,24 @@ void WebApiBasic::start(const Poco::Net::ServerSocket& socket)
 {
     if (http_server) throw Poco::LogicException();
     // Settled: the built-in paths answer nothing at all, and replace what the host has registered there.
-    const ApiHandler answerless = [](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&) {};
+    ApiHandler built_in = [](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&) {};
     auto& use = TableUse::instance();
-    use.store(api_handlers, "/", answerless);
-    use.store(api_handlers, "/index/api/getApiList", answerless);
+    // Safeguard: the list that the second one is named after.
+    if (safeguarded(kAnswerAlways))
+        built_in = [this](HTTPServerRequest&, HTTPServerResponse& response, const ApiParams&) {
+            Poco::JSON::Array paths;
+            for (const auto& path : TableUse::instance().paths(api_handlers)) paths.add(path);
+            Poco::JSON::Object result(0);
+            result.set("code", 0);
+            result.set("data", paths);
+            result.set("msg", "success");
+            sendResult(response, result);
+        };
+    use.store(api_handlers, "/", built_in);
+    use.store(api_handlers, "/index/api/getApiList", built_in);
     http_server = HttpServer::createInstance(
         socket, new Poco::Net::HTTPServerParams,
-        [this](HTTPServerRequest& request, HTTPServerResponse& response) { dispatch(request, response); });
+        [this](HTTPServerRequest& request, HTTPServerResponse& response) { serve(request, response); });
     use.open();
     http_server->start();
 }
@@ -195,15 +357,74 @@ void WebApiBasic::stop()
     TableUse::instance().close(api_handlers);
 }
 
+void WebApiBasic::serve(HTTPServerRequest& request, HTTPServerResponse& response)
+{
+    if (!safeguarded(kAnswerAlways)) {
+        admit(request, response);
+        return;
+    }
+    // Safeguard: nobody waits for an answer that does not come, and the connection is good for the next one.
+    try {
+        admit(request, response);
+        if (!response.sent()) apiSuccess(response);  // what was asked for was done
+    } catch (const std::exception&) {                // logged already
+        answerFailure(request, response);
+    } catch (...) {
+        KRO_LOG_ERROR("web api: %s, unknown exception", request.getURI());
+        answerFailure(request, response);
+    }
+    skipRest(request, response);
+}
+
+void WebApiBasic::admit(HTTPServerRequest& request, HTTPServerResponse& response)
+{
+    if ((safeguards() & (kAnswerAlways | kBoundedRequests)) == 0) {
+        dispatch(request, response);
+        return;
+    }
+    const auto most_bytes =
+        safeguarded(kBoundedRequests) ? kMostBodyBytes : std::numeric_limits<std::streamsize>::max();
+    const bool is_chunked = request.getChunkedTransferEncoding();
+    if (request.hasContentLength() && !is_chunked && request.getContentLength64() > most_bytes) {
+        refuseBody(request, response);
+        return;
+    }
+    if (!is_chunked && (request.hasContentLength() || request.getMethod() == HTTPServerRequest::HTTP_GET)) {
+        dispatch(request, response);
+        return;
+    }
+    // Safeguard: POCO's stream of chunks knows no end once it is over, and reads on in the next request; and
+    // one without a length and without chunks lasts to the end of the connection, where there is no body at
+    // all. It costs a copy of a chunked body.
+    std::string body;
+    while (is_chunked && request.stream()) {
+        char part[16384];
+        request.stream().read(part, sizeof part);
+        body.append(part, static_cast<std::size_t>(request.stream().gcount()));
+        if (static_cast<std::streamsize>(body.size()) > most_bytes) {
+            refuseBody(request, response);
+            return;
+        }
+    }
+    if (is_chunked && request.stream().bad()) response.setKeepAlive(false);  // its end never came
+    ReadRequest read(request, body);
+    dispatch(read, response);
+}
+
 void WebApiBasic::dispatch(HTTPServerRequest& request, HTTPServerResponse& response)
 {
-    const Poco::URI uri(request.getURI());  // Settled: what this throws goes to POCO unlogged
-    const TableUse::Request known(api_handlers, uri.getPath());
+    std::optional<Poco::URI> uri;
+    // Settled: what this throws goes to POCO unlogged.
+    if (!isPlainPath(request.getURI())) readingInput(response, [&] { uri.emplace(request.getURI()); });
+    const TableUse::Request known(api_handlers, uri ? uri->getPath() : request.getURI());
     if (known.handler == nullptr) {
         apiNotFound(response);  // Settled: no content type is set for it
         return;
     }
-    logged([&] { (*known.handler)(request, response, paramsOf(uri)); });
+    logged([&] {
+        const ApiParams params = readingInput(response, [&] { return uri ? paramsOf(*uri) : ApiParams(); });
+        (*known.handler)(request, response, params);
+    });
 }
 
 void WebApiBasic::store(std::string uri, ApiHandler handler)
@@ -246,16 +467,19 @@ void WebApiBasic::apiRegist(std::string uri, ApiResultHandler handler)
 void WebApiBasic::apiRegist(std::string uri, ApiBodyHandler handler)
 {
     KRO_LOG_INFORMATION("web api regist: %s", uri);
-    store(std::move(uri), [this, handler = std::move(handler)](HTTPServerRequest& request,
-                                                               HTTPServerResponse& response,
-                                                               const ApiParams& params) {
-        announceJson(response);
-        // Settled: a body that is no JSON object is an exception, logged once by the dispatcher, and not
-        // bodyNotFound().
-        Poco::JSON::Parser parser(new Poco::JSON::ParseHandler);
-        parser.parse(request.stream());
-        answerBody(handler, request, response, params, parser.result().extract<Poco::JSON::Object::Ptr>());
-    });
+    store(std::move(uri),
+          [this, handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
+                                               const ApiParams& params) {
+              announceJson(response);
+              // Settled: a body that is no JSON object is an exception, logged once by the dispatcher, and
+              // not bodyNotFound().
+              const auto body = readingInput(response, [&] {
+                  Poco::JSON::Parser parser(new Poco::JSON::ParseHandler);
+                  parser.parse(request.stream());
+                  return parser.result().extract<Poco::JSON::Object::Ptr>();
+              });
+              answerBody(handler, request, response, params, body);
+          });
 }
 
 void WebApiBasic::answerBody(const ApiBodyHandler& handler, HTTPServerRequest& request,
@@ -278,17 +502,17 @@ void WebApiBasic::answerBody(const ApiBodyHandler& handler, HTTPServerRequest& r
 // Settled: status 200, with the error in the code alone, and literal texts with blanks in them.
 void WebApiBasic::apiNotFound(HTTPServerResponse& response)
 {
-    response.send() << R"({"code": -1, "msg": "api not found"})";
+    sendCanned(response, R"({"code": -1, "msg": "api not found"})");
 }
 
 void WebApiBasic::bodyNotFound(HTTPServerResponse& response)
 {
-    response.send() << R"({"code": -1, "msg": "body not found or cannot be resolved to json"})";
+    sendCanned(response, R"({"code": -1, "msg": "body not found or cannot be resolved to json"})");
 }
 
 void WebApiBasic::apiSuccess(HTTPServerResponse& response)
 {
-    response.send() << R"({"code": 0, "msg": "success"})";
+    sendCanned(response, R"({"code": 0, "msg": "success"})");
 }
 
 }  // namespace kro

@@ -51,6 +51,13 @@ using ApiBodyHandler =
 /// Of a body that nobody has read, POCO takes what is left for the next request of the connection. So a
 /// handler that does not want a body either reads it or calls response.setKeepAlive(false) before it answers.
 ///
+/// With kAnswerAlways every request is answered in JSON with its length, in one send: an exception with 400
+/// if the URI, the query or a JSON body can't be read, and 500 otherwise, "code" being -1 in either case; a
+/// handler that has written nothing with apiSuccess(). Only an exception that comes after an answer has begun
+/// ends the connection. What is left of a body is skipped. With kBoundedRequests a body of more than 8 MiB
+/// gets 413 before a handler sees it, and ends the connection; a chunked one up to that is read before the
+/// handler runs.
+///
 /// instance() and apiRegist() may be called from any thread, while requests are served, too. start() and
 /// stop() belong to one thread at a time.
 class KRO_API WebApiBasic
@@ -63,7 +70,8 @@ public:
 
     /// Serves `socket` through the table, with POCO's default parameters.
     /// Replaces what is registered under "/" and "/index/api/getApiList" by handlers that answer nothing: a
-    /// client that asks for these waits. A host with something to say there registers it after start().
+    /// client that asks for these waits. A host with something to say there registers it after start(). With
+    /// kAnswerAlways both list all paths: {"code":0,"data":["/",...],"msg":"success"}.
     /// @param socket  bound and listening; it stays the caller's to close after stop().
     /// @throws Poco::LogicException if started already, with nothing changed.
     void start(const Poco::Net::ServerSocket& socket);
@@ -75,23 +83,34 @@ public:
     void stop();
 
     /// Registers under the key as given, in place of what stood there, which is destroyed here, or with the
-    /// last request in flight.
-    /// @param uri      a path, decoded and without a query, such as "/index/api/version".
-    /// @param handler  may be empty: the plain form is then an error for each request, the other two answer
-    ///                 apiNotFound(). The form without one answers apiSuccess().
+    /// last request in flight. This form answers apiSuccess().
+    /// @param uri  a path, decoded and without a query, such as "/index/api/version".
     void apiRegist(std::string uri);
+    /// As above.
+    /// @param uri      likewise.
+    /// @param handler  answers by itself; an empty one is an error for each request.
     void apiRegist(std::string uri, ApiHandler handler);
+    /// As above.
+    /// @param uri      likewise.
+    /// @param handler  fills the result; an empty one answers apiNotFound().
     void apiRegist(std::string uri, ApiResultHandler handler);
+    /// As above, for requests with a body.
+    /// @param uri      likewise.
+    /// @param handler  fills the result; an empty one answers apiNotFound().
     void apiRegist(std::string uri, ApiBodyHandler handler);
 
     /// The canned answers, for handlers too. Status, content type and transfer encoding stay as they are: by
-    /// default 200, none, and neither a length nor chunks, so that the connection ends with the answer.
+    /// default 200, none, and neither a length nor chunks, so that the connection ends with the answer. With
+    /// kAnswerAlways they have a length, are "application/json" by default, and keep the connection.
     void apiNotFound(Poco::Net::HTTPServerResponse& response);
-    void bodyNotFound(Poco::Net::HTTPServerResponse& response);
-    void apiSuccess(Poco::Net::HTTPServerResponse& response);
+    void bodyNotFound(Poco::Net::HTTPServerResponse& response);  ///< as above
+    void apiSuccess(Poco::Net::HTTPServerResponse& response);    ///< as above
 
 private:
     WebApiBasic() = default;
+    // The steps of a request: serve() answers in any case and admit() bounds the body, if they are to.
+    void serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
+    void admit(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
     void dispatch(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
     void store(std::string uri, ApiHandler handler);
     void answerBody(const ApiBodyHandler& handler, Poco::Net::HTTPServerRequest& request,

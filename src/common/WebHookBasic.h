@@ -64,14 +64,14 @@ using HookResponseCallback = std::function<void(Poco::Net::HTTPResponse::HTTPSta
 class KRO_API WebHookBasic
 {
 public:
-    WebHookBasic();
+    WebHookBasic();   ///< makes an HTTP client of its own, and no timer
     ~WebHookBasic();  ///< stops the reports, and waits for a tick that is under way
     WebHookBasic(const WebHookBasic&) = delete;
     WebHookBasic& operator=(const WebHookBasic&) = delete;
 
     /// One reporter for all callers, made at the first call and destroyed when the process ends.
     static std::shared_ptr<WebHookBasic> defaultWebHook();
-    static std::shared_ptr<WebHookBasic> createInstance();
+    static std::shared_ptr<WebHookBasic> createInstance();  ///< a new one
 
     /// Requests the url of "hook.on_server_started", if "hook.enable" is true and the url is not empty.
     /// Returns at once.

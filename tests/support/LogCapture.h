@@ -2,10 +2,6 @@
 #define KRO_TESTS_LOG_CAPTURE_H
 
 #include <functional>
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <Poco/Channel.h>
 #include <Poco/Message.h>
@@ -52,7 +48,6 @@ public:
     static LogCapture& instance();
 
     void log(const Poco::Message& message) override;
-
     std::vector<LogLine> lines() const { return captured.all(); }
     void clear() { captured.clear(); }
     std::size_t count(const LogLine& line) const { return captured.count(line); }
