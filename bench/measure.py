@@ -195,10 +195,10 @@ def http(figures, quick, rounds):
     in_turns(rounds, [[program("HttpClientBench"), f"--benchmark_min_time={0.05 if quick else 0.3}"]],
              lambda turn, command: google(figures, turn, "http", command, translate))
     with tempfile.NamedTemporaryFile("r", suffix=".json") as lines:
-        options = (["--connections", "8", "--apis", "10", "10000", "--seconds", "1"] if quick else
-                   ["--connections", "1", "2", "4", "8", "12", "16", "--apis", "10", "100", "1000", "10000"])
+        options = (["--connections", "8", "--apis", "10", "10000"] if quick else
+                   ["--connections", "1", "2", "4", "8", "16", "--apis", "10", "100", "1000", "10000"])
         subprocess.run([sys.executable, os.path.join(HERE, "http.py"), program("HttpBenchServer"), "--rounds",
-                        str(rounds), "--figures", lines.name] + options, check=True, stdout=subprocess.DEVNULL)
+                        str(rounds), "--seconds", "1", "--figures", lines.name] + options, check=True, stdout=subprocess.DEVNULL)
         for line in lines:
             figures.add(json.loads(line), 0)
 
@@ -209,8 +209,8 @@ def start(figures, _quick, rounds):
     in_turns(2 * rounds, [[programs[name], name, "--messages", 10] for name in programs], figures.run)
 
 
-def life(figures, _quick, rounds):
-    in_turns(rounds, [[program("LifeBench")], [program("LifeBench"), "--guarded"]], figures.run)
+def life(figures, quick, rounds):
+    in_turns(1 if quick else rounds, [[program("LifeBench")], [program("LifeBench"), "--guarded"]], figures.run)
 
 
 def free_port():
