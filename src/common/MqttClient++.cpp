@@ -949,9 +949,11 @@ void MqttClient::Impl::Admit(MessageHandler handler, const std::string& topic, c
     lock.lock();
     message_queue.push_back(std::move(entry));
     memory_usage += cost;
-    const bool wake = places == nullptr || processor_waits;
+    const bool for_worker = lingers && message_queue.size() == 1;
+    const bool for_processor = places == nullptr || (processor_waits && !lingers && !naps);
     lock.unlock();
-    if (wake) queue_cv.notify_one();
+    if (for_worker) work_cv.notify_one();
+    if (for_processor) queue_cv.notify_one();
 }
 
 bool MqttClient::IsTelemetryMessage(const std::string& topic, const std::string& payload)
@@ -1030,21 +1032,24 @@ void MqttClient::Impl::HandOverFront(std::unique_lock<std::mutex>& queue_lock, H
 void MqttClient::Impl::ProcessInPlaces()
 {
     // Short beside the time that a slow handler takes, long beside a thread's wake.
-    constexpr std::chrono::microseconds kShortestLook(500), kLongestLook(8000);
+    constexpr std::chrono::microseconds kShortestLook(1000), kLongestLook(8000);
+    const auto unserved = [this] { return message_queue.size() > workers_to_come; };
     std::unique_lock<std::mutex> lock(queue_mutex);
     while (processor_started) {
         processor_waits = true;
-        queue_cv.wait(lock, [this] { return !processor_started || message_queue.size() > workers_to_come; });
+        queue_cv.wait(lock, [&] { return !processor_started || unserved(); });
         processor_waits = false;
-        auto look = kShortestLook;
-        while (processor_started && message_queue.size() > workers_to_come) {
-            const bool started = (workers == 0 || !drains_in_place || FallBehind_l()) && StartWorker(lock);
-            look = started ? kShortestLook : std::min(2 * look, kLongestLook);
-            taken = 0;
-            if (drains_in_place)
+        for (auto look = kShortestLook; processor_started && unserved();) {
+            if (workers > 0 && drains_in_place) {
+                taken = 0;
                 queue_cv.wait_for(lock, look, [this] { return !processor_started || workers == 0; });
+                look = std::min(2 * look, kLongestLook);
+                if (!processor_started || !unserved() || (workers > 0 && !FallBehind_l())) continue;
+            }
+            if (StartWorker(lock)) look = kShortestLook;
         }
     }
+    work_cv.notify_all();
     queue_cv.wait(lock, [this] { return workers == 0; });  // for as long as a handler runs
 }
 
@@ -1089,15 +1094,19 @@ void MqttClient::Impl::Work()
 {
     const ClientThread mark;
     bool has_place = true;
+    bool flood = false;
     std::unique_lock<std::mutex> lock(queue_mutex);
     --workers_to_come;
-    while (has_place && processor_started && !message_queue.empty()) {
+    while (has_place && processor_started && (!message_queue.empty() || Linger_l(lock, flood))) {
         {
             AsyncMessage front(std::move(message_queue.front()));
             message_queue.pop_front();
             memory_usage -= front.cost();
             ++taken;
+            // The handler may be a long one: somebody else is to look after the rest.
+            const bool look = processor_waits && !message_queue.empty();
             lock.unlock();
+            if (look) queue_cv.notify_one();
             front.handle();
         }
         has_place = drains_in_place && !places->giveBackIfWanted();
@@ -1108,6 +1117,30 @@ void MqttClient::Impl::Work()
     --workers;
     // Under the lock: after its release the client may be gone.
     if (workers == 0 && (!message_queue.empty() || !processor_started)) queue_cv.notify_all();
+}
+
+bool MqttClient::Impl::Linger_l(std::unique_lock<std::mutex>& queue_lock, bool& flood)
+{
+    constexpr std::chrono::milliseconds kLinger(1);
+    constexpr std::chrono::microseconds kSoon(100), kNap(100);
+    if (!drains_in_place || lingers || naps) return false;
+    if (flood) {
+        // What comes so fast is gathered, and Paho's thread need not wake anybody for it.
+        naps = true;
+        queue_lock.unlock();
+        std::this_thread::sleep_for(kNap);
+        queue_lock.lock();
+        naps = false;
+    }
+    if (message_queue.empty()) {
+        const auto begin = std::chrono::steady_clock::now();
+        lingers = true;
+        work_cv.wait_for(queue_lock, kLinger,
+                         [this] { return !processor_started || !message_queue.empty(); });
+        lingers = false;
+        flood = std::chrono::steady_clock::now() - begin < kSoon;
+    }
+    return processor_started && !message_queue.empty();
 }
 
 // ---- Disconnection and teardown ----

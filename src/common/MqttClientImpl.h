@@ -103,6 +103,9 @@ struct MqttClient::Impl
     bool StartWorker(std::unique_lock<std::mutex>& queue_lock);  // queue_mutex held
     void Work();  // on a pool thread, with a place; ends with the queue, or when its place is wanted
     bool FallBehind_l() const;  // queue_mutex held
+    /// Waits a moment for the next entry, which costs one wake where a new worker costs two and a start of the
+    /// pool; in a flood even none. One worker of a client at a time does. @return whether there is one.
+    bool Linger_l(std::unique_lock<std::mutex>& queue_lock, bool& flood);
 
     void Cleanup();  // takes client_mutex, and holds it for up to 6 s
     /// Ends the link of `handle`, which nobody else uses any more, as far as that can be done.
@@ -167,16 +170,19 @@ struct MqttClient::Impl
     std::condition_variable reconnect_cv;
     std::thread message_processor_thread;
     std::deque<AsyncMessage> message_queue;
-    std::mutex queue_mutex;  // guards message_queue and the fields down to processor_waits; a leaf
+    std::mutex queue_mutex;  // guards message_queue and the fields down to lingers; a leaf
     std::condition_variable queue_cv;
     // Of ProcessInPlaces; null places stand for the settled processor. The first three are fixed.
     const bool drains_in_place;
     std::optional<detail::HandlerPlaces> own_places;
-    detail::HandlerPlaces* const places;       // own ones, or those of all clients
-    std::size_t workers = 0;                   // on the pool, or on their way there
-    std::size_t workers_to_come = 0;           // of these, those that have taken no entry yet
-    std::size_t taken = 0;                     // entries, since the processor has looked last
-    bool processor_waits = false;              // for a need of workers; else it looks by itself
+    detail::HandlerPlaces* const places;  // own ones, or those of all clients
+    std::size_t workers = 0;              // on the pool, or on their way there
+    std::size_t workers_to_come = 0;      // of these, those that have taken no entry yet
+    std::size_t taken = 0;                // entries, since the processor has looked last
+    bool processor_waits = false;         // for a need of workers; else it looks by itself
+    bool lingers = false;                 // a worker waits on work_cv
+    bool naps = false;                    // a worker lets entries gather, and comes by itself
+    std::condition_variable work_cv;
     std::atomic<std::size_t> memory_usage{0};  // sum of the costs in message_queue
     std::atomic<std::size_t> dropped_messages{0};
     std::deque<std::function<void()>> control_tasks;
