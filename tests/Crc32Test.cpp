@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <algorithm>
 
 #include <climits>
 #include <random>

@@ -153,7 +153,6 @@ TEST_F(MqttSafeguardTest, AWorkerGoesOnWithTheQueueAndALongHandlerHoldsUpNobody)
     guardAndConnect(kAllSafeguards);
     test::Recorder<std::string> order;
     Valve valve;
-    std::atomic<bool> hold{true};
     subscribe(
         [&](MQTTAsync_message* message, const std::string&) {
             const std::string text(static_cast<char*>(message->payload),
