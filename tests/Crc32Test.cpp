@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <algorithm>
 
+#include <algorithm>
 #include <climits>
 #include <random>
 
