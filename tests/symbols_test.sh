@@ -3,7 +3,7 @@
 # symbols_test.sh --renew LIBRARY writes that list again; read the difference before you commit it.
 set -euo pipefail
 list=$(dirname "$0")/../cmake/KroCommon.symbols
-exported() { nm -DC --defined-only "$1" | cut -d' ' -f3- | sed 's/@@.*//' | LC_ALL=C sort -u; }
+exported() { "${NM:-nm}" -DC --defined-only "$1" | cut -d' ' -f3- | sed 's/@@.*//' | LC_ALL=C sort -u; }
 if [ "$1" = --renew ]; then
     exported "$2" >"$list"
     exit
