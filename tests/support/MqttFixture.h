@@ -56,6 +56,8 @@ protected:
                         [this](const std::string& cause) { return losses.add(cause); });
         ASSERT_TRUE(eventually([&] { return log.countPrefix("Re-subscribing after reconnection") >= 1; }))
             << testing::PrintToString(log.lines()) << testing::PrintToString(paho.calls.all());
+        // The attempt has let go of the client: a reset() is its end.
+        ASSERT_TRUE(eventually([this] { return client.use_count() == 1; }));
     }
 
     Access::Impl& impl() { return Access::impl(*client); }
