@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -333,6 +334,23 @@ TEST_F(LogFilesTest, LoadsAfterAFailureWithoutTheLinesOfAThreadThatLoggedTooEarl
     });
     EXPECT_EQ(linesOf(logFiles()).size(), 2u);
     EXPECT_EQ(logged("Information: Scheduling") + logged(":Information:late thread"), 2);
+}
+
+TEST_F(LogFilesTest, GoesOnWhenTheDiskIsFullAndWritesAgainWhenThereIsRoom)
+{
+    fs::create_directories(kDirectory);
+    ASSERT_EQ(mount("tmpfs", kDirectory.c_str(), "tmpfs", 0, "size=1m"), 0);
+    inChild([] {
+        loadLogging();
+        for (int i = 0; i < 3000; ++i) logOnNewThread(std::string(1000, 'x'));
+        EXPECT_LT(count(linesOf(logFiles()), "xxx"), 3000) << "the disk was full";
+        EXPECT_EQ(mount("tmpfs", kDirectory.c_str(), "tmpfs", MS_REMOUNT, "size=8m"), 0);
+        EXPECT_TRUE(eventually([] {
+            logOnNewThread("room again");
+            return logged("room again") > 0;
+        }));
+    });
+    EXPECT_EQ(umount2(kDirectory.c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(LogFilesTest, NeitherLosesNorDoublesALineWhenTheHostForks)

@@ -239,7 +239,7 @@ TEST_F(ListingTest, CollectsByKindWithALineForEachButLogFiles)
     }
 }
 
-TEST_F(ListingTest, FollowsLinksAndEndsInAnExceptionWhereTheyLeadNowhereAndForADirectoryThatIsNotThere)
+TEST_F(ListingTest, FollowsLinksAndEndsInAnExceptionWhereTheyLeadNowhereOrInALoop)
 {
     make({"real/a.log"});
     fs::create_symlink("real/a.log", root / "link.log");
@@ -247,6 +247,9 @@ TEST_F(ListingTest, FollowsLinksAndEndsInAnExceptionWhereTheyLeadNowhereAndForAD
     EXPECT_EQ(list(kLogFile, ""), (Names{"again/a.log", "link.log", "real/a.log"}));
     fs::create_symlink("nowhere", root / "real/b.log");
     EXPECT_THROW(list(kLogFile, ""), Poco::FileNotFoundException);
+    fs::remove(root / "real/b.log");
+    fs::create_directory_symlink(".", root / "loop");
+    EXPECT_THROW(list(kLogFile, ""), Poco::FileException);
     fs::remove_all(root);
     EXPECT_THROW(list(kLogFile, ""), Poco::FileNotFoundException);
 }
