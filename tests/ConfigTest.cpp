@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -167,6 +168,11 @@ TEST_F(ConfigTest, KeepsTheOldFileWholeOnAFullDiskWhenItIsGuarded)
     EXPECT_EQ(fileText(), treeText());
     EXPECT_TRUE(fs::is_symlink(kFile));
     EXPECT_EQ(fs::status(kept).permissions(), fs::perms(0640));
+    fs::remove(kFile);
+    const mode_t before = umask(077);
+    saveConfig();
+    umask(before);
+    EXPECT_EQ(fs::status(kFile).permissions(), fs::perms(0600)) << "a new file's is the process's";
     EXPECT_EQ(std::distance(fs::directory_iterator(kDirectory), {}), 2) << "nothing is left beside them";
     EXPECT_EQ(umount(kDirectory.c_str()), 0);
 }
