@@ -68,20 +68,24 @@ ThreadPool::~ThreadPool() = default;
 template <typename HandOver>
 void ThreadPool::start_l(std::function<void()> task, HandOver hand_over)
 {
+    std::unique_ptr<RunnableAdapter> own;  // with kReleaseAdapters
+    std::shared_ptr<RunnableAdapter> listed;
+    if (safeguarded(kReleaseAdapters)) {
+        own = std::make_unique<RunnableAdapter>(std::move(task), std::weak_ptr<ThreadPool>());
+        own->releases_itself = true;
+    } else {
+        listed = std::make_shared<RunnableAdapter>(std::move(task), weak_from_this());
+    }
     try {
-        if (safeguarded(kReleaseAdapters)) {
-            auto adapter = std::make_unique<RunnableAdapter>(std::move(task), std::weak_ptr<ThreadPool>());
-            adapter->releases_itself = true;
-            hand_over(*adapter);
-            static_cast<void>(adapter.release());  // the run's own from here on, and gone already perhaps
-            return;
-        }
-        const auto adapter = std::make_shared<RunnableAdapter>(std::move(task), weak_from_this());
         // Settled: the hand-over comes first, so that a refused task is never in the list. The price is that
         // a task which ends before it is listed stays in the list until the pool goes.
-        hand_over(*adapter);
+        hand_over(own ? *own : *listed);
+        if (own) {
+            static_cast<void>(own.release());  // the run's own from here on, and gone already perhaps
+            return;
+        }
         const Poco::FastMutex::ScopedLock lock(live_adapters_mutex);
-        live_adapters.push_back(adapter);
+        live_adapters.push_back(listed);
     } catch (const std::exception& e) {
         KRO_LOG_ERROR("exception: %s", std::string(e.what()));
         throw;

@@ -4,6 +4,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <memory_resource>
 #include <string>
 #include <type_traits>
 
@@ -22,7 +23,8 @@ namespace kro
 ///
 /// Only a pool that a std::shared_ptr owns gives a task's captures back when the task has ended. Any other
 /// pool (a member, a Poco::SharedPtr) keeps every task that it ever ran, captures included, until it is
-/// destroyed. With kReleaseAdapters every pool gives them back.
+/// destroyed; and so does every pool with a task that threw no std::exception, or that ended before start() had
+/// returned. With kReleaseAdapters every pool gives them back.
 ///
 /// Thread-safe. A captured object whose destructor starts a task on the same pool blocks for ever: captures
 /// are destroyed on the pool's thread with the pool's own mutex held (with kReleaseAdapters without it). Stop
@@ -87,9 +89,11 @@ private:
 
     friend struct ThreadPoolTestAccess;
 
+    // Nodes side by side, since taskFinished() walks them. A host may replace the default resource: not asked.
+    std::pmr::unsynchronized_pool_resource adapter_nodes{std::pmr::new_delete_resource()};
     // Strong references to the started tasks that have not been reported finished, in order of starting:
     // Poco::ThreadPool itself holds no more than a plain reference.
-    std::list<std::shared_ptr<RunnableAdapter>> live_adapters;
+    std::pmr::list<std::shared_ptr<RunnableAdapter>> live_adapters{&adapter_nodes};
     Poco::FastMutex live_adapters_mutex;  // guards live_adapters; held while a finished task's captures go
 };
 
