@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "Config.h"
+#include "Logger.h"
 #include "NotificationCenter.h"
 #include "ThreadPool.h"
 
@@ -24,6 +25,7 @@ const std::string s_all_at_load = [] {
     kro::initRpcOption();
     return treeText();
 }();
+const bool s_logger_at_load = kro::logName().empty() && !kro::canLog(1);  // of a null logger it would crash
 const kro::ThreadPool* const s_pool_at_load = &kro::ThreadPool::defaultPool();
 const auto s_entry_at_load = std::make_shared<int>(5);
 const bool s_is_set = (kro::NotificationCenter::defaultCenter().set("at load", s_entry_at_load), true);
@@ -45,6 +47,7 @@ TEST(StaticLinkTest, KeepsThePoolAndTheEntriesThatAnInitialiserOfTheHostHasMade)
 {
     EXPECT_EQ(s_pool_at_load, &kro::ThreadPool::defaultPool());
     EXPECT_TRUE(s_is_set);
+    EXPECT_TRUE(s_logger_at_load);
     EXPECT_EQ(kro::NotificationCenter::defaultCenter().find<int>("at load"), s_entry_at_load);
 }
 }  // namespace

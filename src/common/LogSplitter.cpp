@@ -78,8 +78,8 @@ void LogSplitter::log(Poco::Message&& message)
 
 void LogSplitter::flush(std::chrono::milliseconds patience)
 {
-    Branch file;
     Branch console;
+    Branch file;  // goes first: its worker may wake the console's
     {
         const ReaderGate::Section section(gate);
         const Branches* const branches = current.load();

@@ -170,12 +170,18 @@ bool NonBlockingLoggerChannel::waitWritten(std::chrono::milliseconds patience,
 }
 
 // Declared in this order so that the mutex exists before s_logger asks for the singleton.
-Poco::FastMutex LoggerImpl::s_mutex;
+KRO_BUILT_FIRST Poco::FastMutex LoggerImpl::s_mutex;
 LoggerImpl* LoggerImpl::s_pInstance = nullptr;
 
 namespace
 {
-LoggerImpl* const s_logger = &LoggerImpl::instance();
+/// A class, so that it can be built first.
+struct TheLogger
+{
+    LoggerImpl* operator->() const { return impl; }
+    LoggerImpl* const impl = &LoggerImpl::instance();
+};
+KRO_BUILT_FIRST const TheLogger s_logger;
 
 /// Runs when the process ends: after the library's pools, which are built later and whose tasks may log, and
 /// before POCO's statics go, since a library's objects go before those of the libraries that it needs.
@@ -207,6 +213,10 @@ struct Front
 
 std::atomic<Front*> s_front{nullptr};  // stored once, with logger_mutex held
 
+// Held while POCO's one mutex of all its loggers is taken here, and during a fork: the child could never take it
+// otherwise. A leaf.
+std::mutex s_registry_mutex;
+
 /// Sees to it that `name` stands for a logger of ours, with the front's channel and level 8.
 void registerLogger(Front& front, const std::string& name)
 {
@@ -217,6 +227,7 @@ void registerLogger(Front& front, const std::string& name)
         if (ours->getLevel() != kEverything) ours->setLevel(kEverything);
         if (ours->getChannel().get() != front.channel.get()) ours->setChannel(front.channel);
     }
+    const std::lock_guard<std::mutex> lock(s_registry_mutex);
     const Poco::Logger::Ptr registered = Poco::Logger::has(name);
     if (registered && registered.get() == front.logger) return;
     if (registered) Poco::Logger::destroy(name);  // a host's own
@@ -261,10 +272,19 @@ public:
         write(line.data(), line.size());
     }
 
-    static void beforeFork() { s_colour_mutex.lock(); }
-    static void afterForkInParent() { s_colour_mutex.unlock(); }
+    static void beforeFork()
+    {
+        s_registry_mutex.lock();
+        s_colour_mutex.lock();
+    }
+    static void afterForkInParent()
+    {
+        s_colour_mutex.unlock();
+        s_registry_mutex.unlock();
+    }
     static void afterForkInChild()
     {
+        new (&s_registry_mutex) std::mutex;
         new (&s_colour_mutex) std::mutex;
         new (&s_write_mutex) std::mutex;
     }
@@ -286,8 +306,8 @@ private:
         }
     }
 
-    // Held while POCO's one mutex of all its colour consoles is taken here, and during a fork: the child
-    // could never take it otherwise. Never held during a write, so that a stalled console holds up no fork.
+    // As s_registry_mutex, for POCO's one mutex of all its colour consoles. Never held during a write, so that
+    // a stalled console holds up no fork.
     static std::mutex s_colour_mutex;
     static std::mutex s_write_mutex;  // keeps lines whole while two consoles write, at midnight
 };
@@ -572,7 +592,11 @@ Poco::Logger& cachedLogger()
     // Settled: never looked up again, so that a log site costs no lock: a thread that logs before
     // loadLogging() keeps the logger of the empty name for its life.
     thread_local Poco::Logger* cached = nullptr;
-    if (cached == nullptr) cached = &Poco::Logger::get(logName());
+    if (cached == nullptr) {
+        const std::string name = logName();
+        const std::lock_guard<std::mutex> lock(s_registry_mutex);
+        cached = &Poco::Logger::get(name);
+    }
     return *cached;
 }
 

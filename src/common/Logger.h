@@ -53,7 +53,8 @@ namespace kro
 ///         midnight; a later call starts the thread.
 KRO_API void loadLogging();
 
-/// Ends logging: the daily thread is joined, so a renewal that is under way is waited for. Lines that wait
+/// Ends logging: the daily thread is joined, so a renewal that is under way is waited for (and, called in the
+/// moment after one, the midnight after it, unless kSteadyMidnight is set). Lines that wait
 /// are still written, and threads that have logged before may go on. After it, no other function of this
 /// header may be called, and no thread may log for the first time. Does nothing the second time.
 KRO_API void deleteLogger() noexcept;
@@ -77,8 +78,8 @@ KRO_API bool canLog(unsigned int bits);
 ///         is under way, and so until the lines of the day before are written.
 KRO_API Poco::Logger& cachedLogger();
 
-/// A channel that never makes its callers wait: log() puts the message in a queue, and a thread of the
-/// channel's own hands it to a slow channel. A message that finds the queue full is refused and counted.
+/// Not for hosts. A channel that never makes its callers wait: log() puts the message in a queue, and a thread
+/// of the channel's own hands it to a slow channel. A message that finds the queue full is refused and counted.
 ///
 /// Held through Poco::AutoPtr, like every channel. Letting the last reference go waits until all accepted
 /// messages have been handed on, however long that takes. What the slow channel throws is dropped, and with
