@@ -169,11 +169,21 @@ TEST_F(ConfigTest, KeepsTheOldFileWholeOnAFullDiskWhenItIsGuarded)
     EXPECT_TRUE(fs::is_symlink(kFile));
     EXPECT_EQ(fs::status(kept).permissions(), fs::perms(0640));
     fs::remove(kFile);
+    fs::create_symlink("next", kFile);
+    fs::create_symlink("new.json", kDirectory / "next");  // which leads nowhere yet
     const mode_t before = umask(077);
     saveConfig();
     umask(before);
+    EXPECT_TRUE(fs::is_symlink(kFile) && fs::is_symlink(kDirectory / "next"));
+    EXPECT_EQ(fileText(), treeText());
     EXPECT_EQ(fs::status(kFile).permissions(), fs::perms(0600)) << "a new file's is the process's";
-    EXPECT_EQ(std::distance(fs::directory_iterator(kDirectory), {}), 2) << "nothing is left beside them";
+    EXPECT_EQ(std::distance(fs::directory_iterator(kDirectory), {}), 4) << "nothing is left beside them";
+    fs::remove(kFile);
+    fs::create_symlink(kFile, kFile);
+    EXPECT_EQ(logOf(saveConfig)[0].text.rfind("save config file error: cannot follow ", 0), 0u);
+    s_config_path.clear();
+    EXPECT_EQ(logOf(saveConfig),
+              LogLines{test::error("save config file error: no path before loadConfig()")});
     EXPECT_EQ(umount(kDirectory.c_str()), 0);
 }
 

@@ -6,11 +6,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <ios>
-#include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 
 #include <Poco/File.h>
@@ -160,14 +160,25 @@ void require(bool done, const std::string& what)
     if (!done) throw std::system_error(errno, std::generic_category(), what);
 }
 
+/// @return where a chain of links ends, whether there is a file or not.
+std::string linkEnd(std::filesystem::path path)
+{
+    for (int links = 0; std::filesystem::is_symlink(path); ++links) {
+        if (links == 40)  // as the kernel counts
+            throw std::system_error(ELOOP, std::generic_category(), "cannot follow " + path.string());
+        path = path.parent_path() / std::filesystem::read_symlink(path);
+    }
+    return path.string();
+}
+
 /// Puts a new file in the place of `path`, so that a crash or a full disk at any moment leaves the old one or
 /// the new one. Mode and, where we may, owner stay as they are; a link stays a link.
 void replaceFile(std::string path, const std::string& text)
 {
-    const std::unique_ptr<char, void (*)(void*)> target(realpath(path.c_str(), nullptr), std::free);
-    if (target) path = target.get();
-    // A name of this call's own; what a process of the same number left there in a crash goes. The mode of a file that
-    // is new is the process's, by its umask.
+    if (path.empty()) throw std::logic_error("no path before loadConfig()");
+    path = linkEnd(path);
+    // A name of this call's own; what a process of the same number left there in a crash goes. The mode of a
+    // file that is new is the process's, by its umask.
     static std::atomic<unsigned> calls{0};
     const std::string beside = path + "." + std::to_string(getpid()) + "-" + std::to_string(++calls);
     unlink(beside.c_str());
@@ -195,7 +206,7 @@ void replaceFile(std::string path, const std::string& text)
     close(file);
     // The name is safe when the directory is; a file system that can't sync one keeps its own promise.
     const int directory =
-        open(Poco::Path(path).parent().toString().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        open(std::filesystem::path(path).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (directory < 0) return;
     fsync(directory);
     close(directory);

@@ -55,8 +55,8 @@ KRO_API void loadConfig();
 
 /// Writes the whole tree to the path that loadConfig() has fixed. Failures are logged at ERROR and not passed
 /// on; the file may then be left empty, since it is cut before it is written. A full disk is such a case and
-/// is not even logged: POCO's streams swallow it. Before loadConfig() there is no path, and nothing is
-/// written.
+/// is not even logged: POCO's streams swallow it. With kWholeFiles the file is the old one or the new one,
+/// whole, and a full disk is logged. Before loadConfig() there is no path, and nothing is written.
 KRO_API void saveConfig();
 
 }  // namespace kro
