@@ -52,6 +52,7 @@ using Response = Poco::Net::HTTPServerResponse;
 
 const std::string kNotFound = R"({"code": -1, "msg": "api not found"})";
 const std::string kNoBody = R"({"code": -1, "msg": "body not found or cannot be resolved to json"})";
+const std::string kSuccess = R"({"code": 0, "msg": "success"})";
 const std::string kChunkedPost = "POST /index/api/body HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
 const std::string kJsonHead =
     "HTTP/1.1 200 OK\r\nConnection: Keep-Alive\r\nContent-Type: application/json\r\nTransfer-Encoding: "
@@ -163,7 +164,7 @@ TEST_F(WebApiBasicTest, SendsResultsChunkedAndCannedBodiesToTheEndOfTheConnectio
     const std::string plain = "HTTP/1.1 200 OK\r\nConnection: Close\r\n\r\n";
     EXPECT_EQ(sortedLines(ask(get("/nothing"))), sortedLines(plain + kNotFound));
     EXPECT_EQ(sortedLines(ask(get("/nobody"))), sortedLines(plain + kNoBody));
-    EXPECT_EQ(sortedLines(ask(get("/ok"))), sortedLines(plain + R"({"code": 0, "msg": "success"})"));
+    EXPECT_EQ(sortedLines(ask(get("/ok"))), sortedLines(plain + kSuccess));
     EXPECT_EQ(sortedLines(ask(get("/empty"))),
               sortedLines(kJsonHead + "\r\n24\r\n" + kNotFound + "\r\n0\r\n\r\n"));
     EXPECT_EQ(test::bodyOf(ask(get("/own"))), "own");
@@ -333,6 +334,9 @@ TEST_P(WebApiLifetimeTest, FinishesRequestsInFlightAfterStopAndFreesTheirHandler
     EXPECT_TRUE(test::eventually([&] { return watch.expired(); }));
     peers[0].send(get("/held"));
     EXPECT_EQ(test::bodyOf(peers[0].message()), kNotFound) << "a kept connection outlives the server";
+    api.apiRegist("/late");
+    peers[1].send(get("/late"));
+    EXPECT_EQ(test::bodyOf(peers[1].message()), kSuccess) << "and finds what is registered meanwhile";
 }
 
 TEST_P(WebApiLifetimeTest, RegistersAndStopsUnderKeptConnectionsThatNeverPauseAndFromAHandler)
@@ -482,6 +486,15 @@ protected:
                 response.setChunkedTransferEncoding(true);
                 response.send() << std::string(1u << 20, 'x');
             }
+            if (params.count("none") != 0) {
+                response.setChunkedTransferEncoding(true);  // as it is set for all who fill a result
+                response.setStatusAndReason(Response::HTTP_NO_CONTENT);
+                return;
+            }
+            if (params.count("stay") != 0) {
+                response.setKeepAlive(true);
+                return;
+            }
             if (!params.empty()) response.set("X-Secret", "inside");
             if (params.count("int") != 0) throw 5;
             if (params.count("std") != 0) throw std::runtime_error("inside");
@@ -498,52 +511,91 @@ protected:
 
 const std::string kList = R"({"code":0,"data":["/","/canned","/index/api/body","/index/api/echo",)"
                           R"("/index/api/getApiList","/index/api/result","/none","/plain"],"msg":"success"})";
-const std::string kSuccess = R"({"code": 0, "msg": "success"})";
 const std::string kBadRequest = R"({"code":-1,"msg":"bad request"})";
 const std::string kInternal = R"({"code":-1,"msg":"internal error"})";
 const std::string kTooLarge = R"({"code":-1,"msg":"request body too large"})";
 
-TEST_F(GuardedWebApiTest, AnswersEveryRequestInFullAndKeepsTheConnection)
+TEST_F(GuardedWebApiTest, AnswersEveryRequestInFullAndKeepsTheConnectionWhereItKnowsTheNext)
 {
+    const auto with = [](const std::string& fields, const std::string& body) {
+        return "POST /canned HTTP/1.1\r\n" + fields + "\r\n\r\n" + body;
+    };
+    const std::string chunked = "Transfer-Encoding: chunked";
+    const std::string length = "Content-Length: ";
     const struct
     {
         std::string request;
         std::string status;
         std::string body;
-    } rows[] = {{get("/index/api/result?a=1"), "200", R"({"alpha":1,"zeta":1})"},
-                {get("/"), "200", kList},
-                {get("/index/api/getApiList"), "200", kList},
-                {get("/canned"), "200", kSuccess},
-                {get("/nothing"), "200", kNotFound},
-                {post("/nothing", "GET / HTTP/1.1\r\n\r\n"), "200", kNotFound},
-                {get("/plain"), "200", kSuccess},
-                {get("/plain?poco"), "500", kInternal},
-                {get("/plain?std"), "500", kInternal},
-                {get("/plain?int"), "500", kInternal},
-                {get("/none"), "500", kInternal},
-                {get("/%zz"), "400", kBadRequest},
-                {get("/index/api/echo?x=%zz"), "400", kBadRequest},
-                {post("/index/api/body", "{\"a\": ]" + std::string(100'000, ' ')), "400", kBadRequest},
-                {post("/index/api/body", "null"), "400", kBadRequest},
-                {post("/index/api/body", "[1]"), "400", kBadRequest},
-                {"POST /index/api/body HTTP/1.1\r\n\r\n", "400", kBadRequest},
-                {kChunkedPost + "2\r\n{]\r\n0\r\n\r\n", "400", kBadRequest},
-                {kChunkedPost + "2\r\n{\"\r\n5\r\na\":1}\r\n0\r\n\r\n", "200", R"({"members":1})"}};
+        bool ends = false;  // the connection, whatever follows; and the client stops sending
+    } rows[] = {
+        {get("/index/api/result?a=1"), "200", R"({"alpha":1,"zeta":1})"},
+        {get("/"), "200", kList},
+        {get("/index/api/getApiList"), "200", kList},
+        {get("/canned"), "200", kSuccess},
+        {get("/nothing"), "200", kNotFound},
+        {post("/nothing", "GET / HTTP/1.1\r\n\r\n"), "200", kNotFound},
+        {get("/plain"), "200", kSuccess},
+        {get("/plain?poco"), "500", kInternal},
+        {get("/plain?std"), "500", kInternal},
+        {get("/plain?int"), "500", kInternal},
+        {get("/none"), "500", kInternal},
+        {get("/%zz"), "400", kBadRequest},
+        {get("/index/api/echo?x=%zz"), "400", kBadRequest},
+        {post("/index/api/body", "{\"a\": ]" + std::string(100'000, ' ')), "400", kBadRequest},
+        {post("/index/api/body", "null"), "400", kBadRequest},
+        {post("/index/api/body", "[1]"), "400", kBadRequest},
+        {"POST /index/api/body HTTP/1.1\r\n\r\n", "400", kBadRequest},
+        {kChunkedPost + "2\r\n{]\r\n0\r\n\r\n", "400", kBadRequest, true},
+        {kChunkedPost + "2;x=y\r\n{\"\r\n05 \r\na\":1}\r\n0\r\nA: b\r\nC: d\r\n\r\n" + get("/"), "200",
+         R"({"members":1})", true},
+        {with("Connection: close\r\n" + length + "4194304", std::string(4u << 20, 'x')), "200", kSuccess,
+         true},
+        {with("Transfer-Encoding: Chunked", "0\r\n\r\n"), "200", kSuccess, true},
+        {"POST /plain?stay HTTP/1.1\r\n" + chunked + "\r\n\r\n0\r\n\r\n" + get("/"), "200", kSuccess, true},
+        {with("Transfer-Encoding: gzip, chunked", "0\r\n\r\n" + get("/")), "400", kBadRequest, true},
+        {with("Transfer-Encoding: identity", get("/")), "400", kBadRequest, true},
+        {with(chunked + "\r\n" + chunked, "0\r\n\r\n" + get("/")), "400", kBadRequest, true},
+        {with(chunked + "\r\n" + length + "5", "0\r\n\r\n" + get("/")), "400", kBadRequest, true},
+        {with(length + "2\r\n" + length + "2", "ab" + get("/")), "400", kBadRequest, true},
+        {with(length + "+2", "ab" + get("/")), "400", kBadRequest, true},
+        {with(length + "-2", get("/")), "400", kBadRequest, true},
+        {with(length, get("/")), "400", kBadRequest, true},
+        {with("Content-Length : 2", "ab" + get("/")), "400", kBadRequest, true},
+        {with(length + "100", "{}"), "400", kBadRequest, true},
+        {with(chunked, "zz\r\n\r\n" + get("/")), "400", kBadRequest, true},
+        {with(chunked, "0x2\r\n{}\r\n0\r\n\r\n"), "400", kBadRequest, true},
+        {with(chunked, "2\r\n{}ab\r\n0\r\n\r\n"), "400", kBadRequest, true},
+        {with(chunked, "02\n{}\r\n0\r\n\r\n"), "400", kBadRequest, true},
+        {with(chunked, "ffffffffffffffff0\r\n"), "400", kBadRequest, true},
+        {with(chunked, "ffffffffffffffff\r\n"), "413", kTooLarge, true},
+        {with(chunked, "2\r\n{}\r\n5\r\n"), "400", kBadRequest, true},
+        {with(chunked, "2\r\n{}\r\n"), "400", kBadRequest, true},
+        {with(chunked, "0\r\n" + std::string(5000, 'x') + "\r\n\r\n"), "400", kBadRequest, true},
+        {with(chunked, "0\r\nA: b\r\n"), "400", kBadRequest, true}};
     Peer peer(port());
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.request.substr(0, 60));
+        SCOPED_TRACE(row.request.substr(0, 100));
         ASSERT_TRUE(peer.send(row.request));
+        if (row.ends) peer.finishSending();
         const std::string reply = peer.message();
         expectStatus(reply, row.status);
         EXPECT_EQ(test::bodyOf(reply), row.body);
         EXPECT_NE(reply.find("Content-Length: " + std::to_string(row.body.size())), std::string::npos);
         EXPECT_NE(reply.find("Content-Type: application/json"), std::string::npos);
         EXPECT_EQ(reply.find("inside"), std::string::npos);
+        EXPECT_EQ(test::header(reply, "connection"), row.ends ? "close" : "keep-alive");
+        if (!row.ends) continue;
+        EXPECT_EQ(peer.rest(), "");
+        peer = Peer(port());
     }
-    peer.send("HEAD /index/api/result HTTP/1.1\r\n\r\n" + get("/canned", "Connection: close\r\n"));
+    peer.send("HEAD /index/api/result HTTP/1.1\r\n\r\n" + get("/plain?none") +
+              get("/canned", "Connection: close\r\n"));
     const std::string both = peer.rest();
     EXPECT_NE(both.find("Content-Length: 20\r\n"), std::string::npos) << both;
     EXPECT_NE(both.find("\r\n\r\nHTTP/1.1 200"), std::string::npos) << "no body for HEAD: " << both;
+    EXPECT_NE(both.find("\r\n\r\nHTTP/1.1 204"), std::string::npos) << both;
+    EXPECT_EQ(both.find("Transfer-Encoding"), std::string::npos) << both;
     EXPECT_TRUE(LogCapture::instance().has(test::error("web api: /plain?int, unknown exception")));
 }
 

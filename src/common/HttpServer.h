@@ -28,7 +28,8 @@ using RequestCallback = std::function<void(Poco::Net::HTTPServerRequest&, Poco::
 /// header and reads no configuration: threads, queue, keep-alive and time-outs are what the parameters say.
 ///
 /// With kAnswerAlways, chosen before the construction, a request that has arrived whole is served with two to
-/// six calls of the system instead of ten; what is read and what goes out is the same.
+/// six calls of the system instead of ten; what is read and what goes out is the same. Connections of a
+/// secure socket, and all of them with setMaxKeepAliveRequests(), stay POCO's.
 ///
 /// start() and stop() take no lock: call them from one thread.
 class KRO_API HttpServer

@@ -34,7 +34,8 @@ enum Safeguard : unsigned
     kSafeLifetime = 1u << 9,
     /// The watch of a periodic task looks when its time-out is over, and ends with the run.
     kWatchTimeouts = 1u << 10,
-    /// Every HTTP request gets an answer in the JSON envelope, in one piece with its length.
+    /// Every HTTP request whose head can be read gets an answer in the JSON envelope, in one piece with its
+    /// length; none whose body breaks off reaches a handler.
     kAnswerAlways = 1u << 11,
     /// A request body over 8 MiB is answered with 413 and not read.
     kBoundedRequests = 1u << 12,

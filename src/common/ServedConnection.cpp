@@ -57,6 +57,24 @@ public:
         : HTTPServerResponseImpl(session), socket(connection)
     {}
 
+    std::ostream& send() override
+    {
+        poco_assert(!sent());
+        return HTTPServerResponseImpl::send();
+    }
+
+    void redirect(const std::string& uri, HTTPStatus status) override
+    {
+        poco_assert(!sent());
+        HTTPServerResponseImpl::redirect(uri, status);
+    }
+
+    void requireAuthentication(const std::string& realm) override
+    {
+        poco_assert(!sent());
+        HTTPServerResponseImpl::requireAuthentication(realm);
+    }
+
     void sendBuffer(const void* buffer, std::size_t length) override
     {
         poco_assert(!sent());
@@ -130,6 +148,9 @@ private:
     std::optional<std::istringstream> body_stream;  // most requests have no body, and streams are dear
 };
 
+constexpr std::size_t kMostNameBytes = 256;  // of a field; POCO refuses longer ones
+constexpr std::size_t kMostValueBytes = 8192;
+
 bool isTokenCharacter(char c)
 {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -145,6 +166,7 @@ bool Request::parseHeader(std::string_view line)
 {
     const auto colon = line.find(':');
     if (colon == 0 || colon == std::string_view::npos) return false;
+    if (colon > kMostNameBytes || line.size() - colon > kMostValueBytes) return false;
     std::string_view value = line.substr(colon + 1);
     while (!value.empty() && value.front() == ' ') value.remove_prefix(1);
     while (!value.empty() && value.back() == ' ') value.remove_suffix(1);
@@ -204,35 +226,37 @@ std::size_t Request::parse(std::string_view text)
 class ServedConnection : public Poco::Net::TCPServerConnection
 {
 public:
-    ServedConnection(ServedSocket* connection, HTTPServerParams::Ptr server_params,
+    ServedConnection(const Poco::Net::StreamSocket& accepted, HTTPServerParams::Ptr server_params,
                      Poco::Net::HTTPRequestHandlerFactory::Ptr handler_factory)
-        : TCPServerConnection(Poco::Net::StreamSocket(connection)),
-          served(*connection),
-          params(std::move(server_params)),
-          factory(std::move(handler_factory))
+        : TCPServerConnection(accepted), params(std::move(server_params)), factory(std::move(handler_factory))
     {}
 
     void run() override
     {
-        Poco::Net::HTTPServerSession session(socket(), params);
-        const auto client = socket().peerAddress();
-        const auto server = socket().address();
+        // Not made by the factory: a client that is gone already has no address, and what is thrown there
+        // ends POCO's thread for good.
+        ServedSocket& served = *new ServedSocket(socket());
+        const Poco::Net::StreamSocket connection(&served);  // owns it
+        Poco::Net::HTTPServerSession session(connection, params);
+        const auto client = served.peerAddress();
+        const auto server = served.address();
         while (session.hasMoreRequests()) {
             Response response(session, served);
             Request request(response, *params, client, server);
             const std::size_t bytes = request.parse(served.ahead());
             if (bytes == 0) {
-                Poco::Net::HTTPServerConnection(socket(), params, factory).run();
+                Poco::Net::HTTPServerConnection(connection, params, factory).run();
                 return;
             }
             served.consume(bytes);
-            serve(session, request, response);
+            serve(served, session, request, response);
         }
     }
 
 private:
     /// As POCO's connection does it.
-    void serve(Poco::Net::HTTPServerSession& session, Request& request, Response& response)
+    void serve(ServedSocket& served, Poco::Net::HTTPServerSession& session, Request& request,
+               Response& response)
     {
         response.set("Date", dateOfNow());
         response.setVersion(request.getVersion());
@@ -268,7 +292,6 @@ private:
         if (response.sent() && response.getChunkedTransferEncoding()) socket().shutdown();
     }
 
-    ServedSocket& served;  // socket() owns it
     HTTPServerParams::Ptr params;
     Poco::Net::HTTPRequestHandlerFactory::Ptr factory;
 };
@@ -282,7 +305,11 @@ ServedConnectionFactory::ServedConnectionFactory(HTTPServerParams::Ptr server_pa
 Poco::Net::TCPServerConnection* ServedConnectionFactory::createConnection(
     const Poco::Net::StreamSocket& socket)
 {
-    return new ServedConnection(new ServedSocket(socket), params, factory);
+    // What stands on a secure socket's descriptor is not what was sent; and two sessions on one connection
+    // would each count its requests from the first.
+    if (socket.impl()->secure() || params->getMaxKeepAliveRequests() > 0)
+        return new Poco::Net::HTTPServerConnection(socket, params, factory);
+    return new ServedConnection(socket, params, factory);
 }
 
 }  // namespace kro::detail

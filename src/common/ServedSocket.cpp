@@ -15,11 +15,11 @@ constexpr int kLooksBeforeSleep = 2;  // each costs an idle connection about hal
 }
 
 ServedSocket::ServedSocket(const Poco::Net::StreamSocket& accepted)
-    : Poco::Net::StreamSocketImpl(accepted.impl()->sockfd()),
-      owner(accepted),
-      own_address(owner.address()),
-      peer_address(owner.peerAddress())
-{}
+    : owner(accepted), own_address(owner.address()), peer_address(owner.peerAddress())
+{
+    // Last: if an address is missing the base must not have the owner's descriptor, which it would close.
+    reset(owner.impl()->sockfd());
+}
 
 ServedSocket::~ServedSocket()
 {

@@ -16,6 +16,7 @@ namespace kro::detail
 class ServedSocket : public Poco::Net::StreamSocketImpl
 {
 public:
+    /// @throws Poco::Net::NetException if the other end is gone already, and has no address.
     explicit ServedSocket(const Poco::Net::StreamSocket& accepted);
 
     std::string_view ahead() const { return {received + begin, end - begin}; }  ///< until the next call

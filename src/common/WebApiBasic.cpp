@@ -1,12 +1,13 @@
 #include "WebApiBasic.h"
 
 #include <algorithm>
+#include <charconv>
 #include <exception>
 #include <istream>
 #include <limits>
 #include <list>
 #include <optional>
-#include <sstream>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -14,7 +15,11 @@
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/ParseHandler.h>
 #include <Poco/JSON/Parser.h>
+#include <Poco/MemoryStream.h>
 #include <Poco/Net/HTTPServerRequestImpl.h>
+#include <Poco/Net/HTTPServerSession.h>
+#include <Poco/Net/HTTPStream.h>
+#include <Poco/String.h>
 #include <Poco/Timestamp.h>
 #include <Poco/URI.h>
 
@@ -37,7 +42,7 @@ namespace
 /// Counts the requests that may hold a handler of the registry's table. The dispatcher calls a handler in
 /// place, not a copy; yet POCO runs requests, and takes new ones on kept connections, after stop() has
 /// emptied the table, and even after the registry has gone at exit. So what is taken out of the table lives
-/// until no request is left that was there before.
+/// until a moment without any request in the dispatcher, which a busy server may have to wait for.
 class TableUse
 {
 public:
@@ -49,23 +54,18 @@ public:
         return *use;
     }
 
-    void open()
-    {
-        const std::lock_guard<std::mutex> lock(table_mutex);
-        readable = true;
-    }
-
-    /// Empties the table. Requests that come from now on find nothing.
-    void close(Table& table)
+    /// Empties the table.
+    /// @param for_good  the registry goes: requests that come from now on never look at the table.
+    void clear(Table& table, bool for_good)
     {
         std::list<Table> removed(1);  // goes after the lock: the captures of a handler may do anything
         const std::lock_guard<std::mutex> lock(table_mutex);
-        readable = false;
+        readable = !for_good;
         removed.front().swap(table);
         if (requests != 0 && !removed.front().empty()) retired.splice(retired.end(), removed);
     }
 
-    /// Puts a handler into the table; what stood there is destroyed now, or with the last request.
+    /// Puts a handler into the table; what stood there is destroyed now, or when no request is there.
     void store(Table& table, std::string path, ApiHandler handler)
     {
         Table added;
@@ -77,7 +77,7 @@ public:
         if (requests != 0 && !replaced.front().empty()) retired.splice(retired.end(), replaced);
     }
 
-    /// @return the keys of the table, sorted; none after close(), when the registry may be gone.
+    /// @return the keys of the table, sorted; none when the registry has gone.
     std::vector<std::string> paths(const Table& table)
     {
         std::vector<std::string> keys;
@@ -87,8 +87,7 @@ public:
         return keys;
     }
 
-    /// A request in the dispatcher, and its handler: null if there is none, or after close(), when the
-    /// registry may be gone.
+    /// A request in the dispatcher, and its handler: null if there is none, or the registry has gone.
     class Request
     {
     public:
@@ -118,7 +117,7 @@ private:
     }
 
     std::mutex table_mutex;    // guards all of this and the registry's api_handlers; a leaf
-    bool readable = false;     // between start() and stop()
+    bool readable = true;      // until the registry goes
     int requests = 0;          // in the dispatcher, on all threads
     std::list<Table> retired;  // taken out of the table under running requests; the handlers stay in place
 };
@@ -171,15 +170,15 @@ void logged(Step step)
     }
 }
 
-/// Runs `step`, which makes something of what the client has sent: where that fails the status says who is to
-/// blame, which counts with kAnswerAlways only.
+/// Runs `step`, which makes something of what the client has sent.
 template <typename Step>
 auto readingInput(HTTPServerResponse& response, Step step)
 {
     try {
         return step();
     } catch (const Poco::Exception&) {
-        response.setStatusAndReason(HTTPServerResponse::HTTP_BAD_REQUEST);
+        // Safeguard: tells answerFailure() who is to blame.
+        if (safeguarded(kAnswerAlways)) response.setStatusAndReason(HTTPServerResponse::HTTP_BAD_REQUEST);
         throw;
     }
 }
@@ -191,9 +190,12 @@ void sendWhole(HTTPServerResponse& response, const std::string& json)
     const auto status = response.getStatus();
     if (status < 200 || status == HTTPServerResponse::HTTP_NO_CONTENT ||
         status == HTTPServerResponse::HTTP_NOT_MODIFIED)
+    {
+        response.setChunkedTransferEncoding(false);
         response.send();  // these have no body, and so no length
-    else
+    } else {
         response.sendBuffer(json.data(), json.size());
+    }
 }
 
 void sendCanned(HTTPServerResponse& response, const std::string& json)
@@ -235,32 +237,88 @@ void answerFailure(HTTPServerRequest& request, HTTPServerResponse& response)
     sendWhole(response, makeJsonDefault(-1, bad_input ? "bad request" : "internal error"));
 }
 
-constexpr std::streamsize kMostBodyBytes = 8 << 20;  // with kBoundedRequests
+constexpr Poco::UInt64 kMostBodyBytes = 8u << 20;  // with kBoundedRequests
 
-/// Takes what nobody has read of a body of known length out of the way of the next request.
-void skipRest(HTTPServerRequest& request, HTTPServerResponse& response)
+/// Whether the head leaves no doubt about where the body ends (RFC 9112 section 6.3). POCO takes the first of
+/// several lengths, signs and separators in it, and no body for an encoding that it doesn't know.
+bool hasClearLength(const HTTPServerRequest& request)
 {
-    if (!response.getKeepAlive() || !request.hasContentLength() || request.getChunkedTransferEncoding())
-        return;
-    std::istream& body = request.stream();
-    body.clear();
-    body.ignore(kMostBodyBytes + 1);
-    if (!body.eof()) response.setKeepAlive(false);
+    int statements = 0;
+    for (const auto& [name, value] : request) {
+        if (name.find_first_of(" \t") != std::string::npos) return false;  // others trim it, POCO does not
+        if (Poco::icompare(name, HTTPServerRequest::CONTENT_LENGTH) == 0) {
+            ++statements;
+            if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos) return false;
+        } else if (Poco::icompare(name, HTTPServerRequest::TRANSFER_ENCODING) == 0) {
+            ++statements;
+            if (Poco::icompare(value, "chunked") != 0) return false;
+        }
+    }
+    return statements <= 1;
 }
 
-/// Answers 413 and ends the connection, since the rest of the body stands in it. That rest is thrown away for
-/// a moment: a client that is still sending would be cut off before it has read the answer.
-void refuseBody(HTTPServerRequest& request, HTTPServerResponse& response)
+/// Appends the next `bytes` of `input`.
+/// @return false if it ends before.
+bool append(std::istream& input, Poco::UInt64 bytes, std::string& body)
 {
-    const std::string json = makeJsonDefault(-1, "request body too large");
-    response.setStatusAndReason(HTTPServerResponse::HTTP_REQUESTENTITYTOOLARGE);
+    char part[16384];
+    while (bytes > 0 && input) {
+        input.read(part, static_cast<std::streamsize>(std::min<Poco::UInt64>(bytes, sizeof part)));
+        body.append(part, static_cast<std::size_t>(input.gcount()));
+        bytes -= static_cast<Poco::UInt64>(input.gcount());
+    }
+    return bytes == 0;
+}
+
+/// @return the next line without its CRLF; nothing if it has none, or is too long for what stands around
+/// chunks.
+std::optional<std::string> nextLine(std::istream& input)
+{
+    char line[4096];
+    input.getline(line, sizeof line);
+    const auto length = static_cast<std::size_t>(input.gcount());
+    if (!input.good() || length < 2 || line[length - 2] != '\r') return std::nullopt;
+    return std::string(line, length - 2);
+}
+
+/// Reads a body in chunks (RFC 9112 section 7.1) with all that follows it. POCO's stream of chunks ends alike
+/// whether they end or break off.
+/// @return 200, or what to refuse the request with.
+HTTPServerResponse::HTTPStatus readChunks(std::istream& input, Poco::UInt64 most_bytes, std::string& body)
+{
+    while (const auto line = nextLine(input)) {
+        Poco::UInt64 bytes = 0;
+        const char* const line_end = line->data() + line->size();
+        const auto [size_end, error] = std::from_chars(line->data(), line_end, bytes, 16);
+        if (error != std::errc() ||
+            (size_end != line_end && std::string_view("; \t").find(*size_end) == std::string_view::npos))
+            break;
+        if (bytes == 0) {
+            auto trailer = nextLine(input);
+            while (trailer && !trailer->empty()) trailer = nextLine(input);
+            if (!trailer) break;
+            return HTTPServerResponse::HTTP_OK;
+        }
+        if (bytes > most_bytes - body.size()) return HTTPServerResponse::HTTP_REQUESTENTITYTOOLARGE;
+        if (!append(input, bytes, body) || nextLine(input) != "") break;
+    }
+    return HTTPServerResponse::HTTP_BAD_REQUEST;
+}
+
+/// Answers a request that no handler is to see and ends the connection, since nobody knows what stands in it.
+/// That is thrown away for a moment: a client that is still sending would be cut off before it has read the
+/// answer.
+void refuse(Poco::Net::HTTPServerRequestImpl& request, HTTPServerResponse& response,
+            HTTPServerResponse::HTTPStatus status)
+{
+    const bool too_large = status == HTTPServerResponse::HTTP_REQUESTENTITYTOOLARGE;
+    const std::string json = makeJsonDefault(-1, too_large ? "request body too large" : "bad request");
+    response.setStatusAndReason(status);
     response.setKeepAlive(false);
     response.setContentType("application/json");
     response.setContentLength(static_cast<std::streamsize>(json.size()));
     (response.send() << json).flush();
-    auto* const received = dynamic_cast<Poco::Net::HTTPServerRequestImpl*>(&request);
-    if (received == nullptr) return;
-    Poco::Net::StreamSocket& socket = received->socket();
+    Poco::Net::StreamSocket& socket = request.socket();
     socket.shutdownSend();
     char part[16384];
     const Poco::Timestamp end = Poco::Timestamp() + Poco::Timespan(1, 0).totalMicroseconds();
@@ -274,7 +332,9 @@ void refuseBody(HTTPServerRequest& request, HTTPServerResponse& response)
 class ReadRequest : public HTTPServerRequest
 {
 public:
-    ReadRequest(HTTPServerRequest& request, const std::string& text) : original(request), body(text)
+    /// @param text  the body, which must outlive this.
+    ReadRequest(HTTPServerRequest& request, const std::string& text)
+        : original(request), body(text.data(), static_cast<std::streamsize>(text.size()))
     {
         Poco::Net::HTTPRequest::operator=(request);
     }
@@ -287,7 +347,7 @@ public:
 
 private:
     HTTPServerRequest& original;
-    std::istringstream body;
+    Poco::MemoryInputStream body;
 };
 
 void announceJson(HTTPServerResponse& response)
@@ -318,7 +378,7 @@ std::shared_ptr<WebApiBasic> WebApiBasic::instance()
 
 WebApiBasic::~WebApiBasic()
 {
-    TableUse::instance().close(api_handlers);
+    TableUse::instance().clear(api_handlers, true);
 }
 
 void WebApiBasic::start(const Poco::Net::ServerSocket& socket)
@@ -343,7 +403,6 @@ void WebApiBasic::start(const Poco::Net::ServerSocket& socket)
     http_server = HttpServer::createInstance(
         socket, new Poco::Net::HTTPServerParams,
         [this](HTTPServerRequest& request, HTTPServerResponse& response) { serve(request, response); });
-    use.open();
     http_server->start();
 }
 
@@ -354,7 +413,7 @@ void WebApiBasic::stop()
         http_server.reset();
     }
     // Settled: whatever the state was, every registration is forgotten.
-    TableUse::instance().close(api_handlers);
+    TableUse::instance().clear(api_handlers, false);
 }
 
 void WebApiBasic::serve(HTTPServerRequest& request, HTTPServerResponse& response)
@@ -363,51 +422,69 @@ void WebApiBasic::serve(HTTPServerRequest& request, HTTPServerResponse& response
         admit(request, response);
         return;
     }
-    // Safeguard: nobody waits for an answer that does not come, and the connection is good for the next one.
+    // Safeguard: nobody waits for an answer that does not come.
     try {
         admit(request, response);
         if (!response.sent()) apiSuccess(response);  // what was asked for was done
-    } catch (const std::exception&) {                // logged already
+    } catch (const std::exception&) {                // logged, if it is a handler's or its input's
         answerFailure(request, response);
     } catch (...) {
         KRO_LOG_ERROR("web api: %s, unknown exception", request.getURI());
         answerFailure(request, response);
     }
-    skipRest(request, response);
 }
 
 void WebApiBasic::admit(HTTPServerRequest& request, HTTPServerResponse& response)
 {
-    if ((safeguards() & (kAnswerAlways | kBoundedRequests)) == 0) {
+    const unsigned bits = safeguards() & (kAnswerAlways | kBoundedRequests);
+    // Another request than POCO's is a short one whose body has come, and its length is beyond doubt.
+    auto* const received = bits != 0 ? dynamic_cast<Poco::Net::HTTPServerRequestImpl*>(&request) : nullptr;
+    if (received == nullptr) {
         dispatch(request, response);
         return;
     }
-    const auto most_bytes =
-        safeguarded(kBoundedRequests) ? kMostBodyBytes : std::numeric_limits<std::streamsize>::max();
-    const bool is_chunked = request.getChunkedTransferEncoding();
-    if (request.hasContentLength() && !is_chunked && request.getContentLength64() > most_bytes) {
-        refuseBody(request, response);
+    const bool answers = (bits & kAnswerAlways) != 0;
+    if (answers && !hasClearLength(request)) {
+        refuse(*received, response, HTTPServerResponse::HTTP_BAD_REQUEST);
         return;
     }
-    if (!is_chunked && (request.hasContentLength() || request.getMethod() == HTTPServerRequest::HTTP_GET)) {
-        dispatch(request, response);
-        return;
-    }
-    // Safeguard: POCO's stream of chunks knows no end once it is over, and reads on in the next request; and
-    // one without a length and without chunks lasts to the end of the connection, where there is no body at
-    // all. It costs a copy of a chunked body.
+    const Poco::UInt64 most_bytes =
+        (bits & kBoundedRequests) != 0 ? kMostBodyBytes : std::numeric_limits<Poco::UInt64>::max();
+    // Safeguard: a handler sees no body that is too large or breaks off, and leaves none in the way of the
+    // next request. It costs a copy.
     std::string body;
-    while (is_chunked && request.stream()) {
-        char part[16384];
-        request.stream().read(part, sizeof part);
-        body.append(part, static_cast<std::size_t>(request.stream().gcount()));
-        if (static_cast<std::streamsize>(body.size()) > most_bytes) {
-            refuseBody(request, response);
+    auto status = HTTPServerResponse::HTTP_OK;
+    if (request.getChunkedTransferEncoding()) {
+        response.setKeepAlive(false);  // what the stream has read ahead of the end is lost
+        Poco::Net::HTTPInputStream input(received->session());
+        status = readChunks(input, most_bytes, body);
+    } else if (request.hasContentLength() || request.getMethod() == HTTPServerRequest::HTTP_GET) {
+        const auto bytes = static_cast<Poco::UInt64>(std::max<Poco::Int64>(request.getContentLength64(), 0));
+        if (bytes > most_bytes) {
+            status = HTTPServerResponse::HTTP_REQUESTENTITYTOOLARGE;
+        } else if (bytes == 0 || !answers) {
+            dispatch(request, response);
             return;
+        } else if (!append(request.stream(), bytes, body)) {
+            status = HTTPServerResponse::HTTP_BAD_REQUEST;
         }
+    }  // else there is none, where POCO would read to the end of the connection
+    if (status != HTTPServerResponse::HTTP_OK) {
+        refuse(*received, response, status);
+        return;
     }
-    if (is_chunked && request.stream().bad()) response.setKeepAlive(false);  // its end never came
     ReadRequest read(request, body);
+    if (!request.getChunkedTransferEncoding()) {
+        dispatch(read, response);
+        return;
+    }
+    read.setKeepAlive(false);
+    // The connection ends with chunks, whatever a handler makes of it.
+    struct EndOfConnection
+    {
+        ~EndOfConnection() { of.setKeepAlive(false); }
+        HTTPServerResponse& of;
+    } const end{response};
     dispatch(read, response);
 }
 

@@ -51,12 +51,15 @@ using ApiBodyHandler =
 /// Of a body that nobody has read, POCO takes what is left for the next request of the connection. So a
 /// handler that does not want a body either reads it or calls response.setKeepAlive(false) before it answers.
 ///
-/// With kAnswerAlways every request is answered in JSON with its length, in one send: an exception with 400
-/// if the URI, the query or a JSON body can't be read, and 500 otherwise, "code" being -1 in either case; a
-/// handler that has written nothing with apiSuccess(). Only an exception that comes after an answer has begun
-/// ends the connection. What is left of a body is skipped. With kBoundedRequests a body of more than 8 MiB
-/// gets 413 before a handler sees it, and ends the connection; a chunked one up to that is read before the
-/// handler runs.
+/// With kAnswerAlways every request whose head POCO can read is answered in JSON with its length, in one
+/// send: an exception with 400 if the URI, the query or a JSON body can't be read, and 500 otherwise, "code"
+/// being -1 in either case; a handler that has written nothing with apiSuccess(). A body is read before the
+/// handler runs, so nothing of it is left. One that breaks off, or whose head leaves its end in doubt, gets
+/// 400 and no handler; that ends the connection, as chunks do, and an exception that comes after an answer
+/// has begun. (A head that POCO can't read gets its bare 400; with a length that is no number, nothing but
+/// the end.) With kBoundedRequests a body of more than 8 MiB gets 413 before a handler sees it, and ends the
+/// connection; a chunked one up to that is read before the handler runs, and answered likewise if it breaks
+/// off.
 ///
 /// instance() and apiRegist() may be called from any thread, while requests are served, too. start() and
 /// stop() belong to one thread at a time.
@@ -77,13 +80,14 @@ public:
     void start(const Poco::Net::ServerSocket& socket);
 
     /// Ends accepting and forgets every registration, also when the registry was not started. Requests in
-    /// flight go on to their answer; connections that are kept get apiNotFound() from now on. A handler is
-    /// destroyed here, or with the last request in flight, on that one's thread. May be called from a
-    /// handler. POCO closes the connections that wait for a thread, up to 64, without an answer.
+    /// flight go on to their answer; connections that are kept are still served, by what is registered from
+    /// now on. A handler is destroyed here, or at the first moment without a request in flight, on the last
+    /// one's thread. May be called from a handler. POCO closes the connections that wait for a thread, up to
+    /// 64, without an answer.
     void stop();
 
-    /// Registers under the key as given, in place of what stood there, which is destroyed here, or with the
-    /// last request in flight. This form answers apiSuccess().
+    /// Registers under the key as given, in place of what stood there, which is destroyed as by stop(). This
+    /// form answers apiSuccess().
     /// @param uri  a path, decoded and without a query, such as "/index/api/version".
     void apiRegist(std::string uri);
     /// As above.
@@ -108,7 +112,8 @@ public:
 
 private:
     WebApiBasic() = default;
-    // The steps of a request: serve() answers in any case and admit() bounds the body, if they are to.
+    // The steps of a request: serve() answers in any case and admit() reads or refuses the body, if they are
+    // to.
     void serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
     void admit(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
     void dispatch(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
