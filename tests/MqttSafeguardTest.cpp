@@ -343,6 +343,26 @@ TEST_F(MqttSafeguardTest, TheLastReferenceMayGoOnAnyThread)
         client.reset();
         EXPECT_TRUE(ended());
     }
+    {
+        SCOPED_TRACE("while a handler goes on with the client");
+        log.clear();
+        connect();
+        std::atomic<bool> entered{false};
+        subscribe(
+            [&, plain = client.get()](auto*, const auto&) {
+                entered = true;
+                EXPECT_TRUE(logged(information("mqtt ~Impl")));
+                plain->Subscribe([](MQTTAsync_message*, const std::string&) {}, "late", 0);
+                plain->Connect({}, {});
+            },
+            "b");
+        paho.deliver("b", "x");
+        EXPECT_TRUE(eventually([&] { return entered.load(); }));
+        client.reset();
+        EXPECT_TRUE(ended());
+        EXPECT_TRUE(eventually([] { return Access::busyThreads() == 0; }));
+        EXPECT_EQ(log.countPrefix("Subscribe call #"), 1u);
+    }
 }
 
 TEST_F(MqttSafeguardTest, APublishKeepsItsHandleWhileReconnectionsReplaceIt)

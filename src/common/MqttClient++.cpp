@@ -275,6 +275,7 @@ void MqttClient::Impl::StartMessageProcessor()
 {
     // A client keeps its one processor when its handle is replaced. Asked in this order: ~Impl stops
     // reconnecting before it stops the processor, and none may be started behind it.
+    const std::lock_guard<std::mutex> lock(queue_mutex);
     if (processor_started || stop_reconnect) return;
     processor_started = true;
     message_processor_thread = std::thread([this] {
@@ -350,16 +351,45 @@ std::size_t MqttClient::GetDroppedMessages() const
 
 // ---- Connecting ----
 
+namespace
+{
+/// @return a function whose copies share one function object, and so its state: each call of a callback is
+///         made on a copy.
+template <typename Argument>
+std::function<bool(Argument)> sharingItsState(std::function<bool(Argument)> callback)
+{
+    if (!callback) return callback;
+    return [shared = std::make_shared<std::function<bool(Argument)>>(std::move(callback))](
+               Argument argument) { return (*shared)(argument); };
+}
+
+/// Whether a std::shared_ptr owns the client, or has owned it: then it is ending.
+bool isOrWasOwned(const std::weak_ptr<MqttClient>& client)
+{
+    const std::weak_ptr<MqttClient> never_owned;
+    return client.owner_before(never_owned) || never_owned.owner_before(client);
+}
+}  // namespace
+
 void MqttClient::Connect(std::function<bool(int)> on_connect, std::function<bool(const std::string&)> on_lost)
 {
+    on_connect = sharingItsState(std::move(on_connect));
+    on_lost = sharingItsState(std::move(on_lost));
     {
         const std::lock_guard<std::mutex> lock(impl->control_mutex);
         impl->connect_callback.swap(on_connect);
         impl->connection_lost_callback.swap(on_lost);
     }
+    std::shared_ptr<MqttClient> self;
+    if (safeguarded(kSafeLifetime) && isOrWasOwned(weak_from_this())) {
+        self = weak_from_this().lock();
+        if (!self) return;  // called in a callback while the client ends
+    } else {
+        self = shared_from_this();
+    }
     // Settled: the task holds the client until it has run, so that a last reference dropped before then ends
     // the client on its own control thread, whose join of itself ends the process.
-    impl->PostControlTask([self = shared_from_this()] { self->Connect_l(); });
+    impl->PostControlTask([self = std::move(self)] { self->Connect_l(); });
 }
 
 void MqttClient::Create_l()
@@ -416,7 +446,7 @@ void MqttClient::Connect_l()
             }
             Attempt_l();
         });
-    } catch (const Poco::NoThreadAvailableException&) {
+    } catch (const Poco::Exception&) {  // no thread is free, or the system has none to give
         if (!safeguarded(kWaitForThread)) throw;
         StartOver_l("no thread for connecting");
     }
@@ -480,9 +510,12 @@ void MqttClient::OnConnectSuccess(void* context, MQTTAsync_successData* /*respon
     if (client == nullptr || !client->impl) return;
     Impl& impl = *client->impl;
     impl.failure_count = 0;
-    impl.reconnect_base_delay = 1000;
-    impl.quick_retry = false;
-    impl.last_connected_at = std::chrono::steady_clock::now();
+    {
+        const std::lock_guard<std::mutex> lock(impl.control_mutex);
+        impl.reconnect_base_delay = 1000;
+        impl.quick_retry = false;
+        impl.last_connected_at = std::chrono::steady_clock::now();
+    }
     impl.connection_state = Connected;
     impl.connected = true;
     impl.reconnecting = false;
@@ -525,10 +558,13 @@ void MqttClient::ScheduleReconnect(const std::string& reason)
     if (impl->stop_reconnect) return;
     // Settled: a client that has never connected counts from the clock's epoch, the start of the system. The
     // flag holds until the next success.
+    std::unique_lock<std::mutex> lock(impl->control_mutex);
     const auto since_success = std::chrono::steady_clock::now() - impl->last_connected_at;
+    const auto shortest_ms = impl->reconnect_base_delay;
+    lock.unlock();
     if (since_success < std::chrono::seconds(3600)) impl->quick_retry = true;
     const int failures = ++impl->failure_count;
-    const int base_ms = detail::backoffDelayMs(failures, impl->quick_retry, impl->reconnect_base_delay);
+    const int base_ms = detail::backoffDelayMs(failures, impl->quick_retry, shortest_ms);
     std::random_device seed("default");
     std::mt19937 generator(seed());
     const int delay_ms = base_ms + std::uniform_int_distribution<int>(0, base_ms / 5)(generator);
@@ -607,7 +643,7 @@ void MqttClient::Resubscribe_l(const std::weak_ptr<MqttClient>& weak)
         const auto asked = asked_qos.find(topic);
         if (asked != asked_qos.end()) {  // kKeepQos
             qos = asked->second;
-            options.context = &impl->resubscribed.emplace_back(topic);
+            options.context = const_cast<std::string*>(&*impl->resubscribed.insert(topic).first);
             options.onFailure = OnResubscribeFailure;
         }
         const int code = MQTTAsync_subscribe(impl->async_client, topic.c_str(), qos, &options);
@@ -631,12 +667,12 @@ void MqttClient::Subscribe(MessageHandler handler, std::string topic, int qos)
 {
     std::weak_ptr<MqttClient> weak;
     if (safeguarded(kSafeLifetime)) weak = weak_from_this();
-    const bool safe = !weak.expired();  // not so where no std::shared_ptr owns the client
+    const bool asks = isOrWasOwned(weak);
     // Settled: the task holds a plain pointer. Hosts keep the client until their Subscribe calls have run.
-    const std::function<void()> task = [this, safe, weak = std::move(weak), handler = std::move(handler),
+    const std::function<void()> task = [this, asks, weak = std::move(weak), handler = std::move(handler),
                                         topic = std::move(topic), qos] {
         const auto self = weak.lock();
-        if (self || !safe) Subscribe_l(handler, topic, qos);
+        if (self || !asks) Subscribe_l(handler, topic, qos);
     };
     try {
         pool().start(task);
@@ -731,9 +767,11 @@ void MqttClient::Unsubscribe(std::string topic)
         KRO_LOG_ERROR(e.what());
     }
     // Settled: forgotten even when the broker could not be told. No later connection subscribes it again.
+    // Goes after the lock: a capture may be the last reference to another client.
+    decltype(impl->subscribe_map)::node_type gone;
     const std::lock_guard<std::mutex> lock(impl->subscribe_mutex);
     impl->wildcard_filters.remove(topic);  // first: it leads into the map
-    impl->subscribe_map.erase(topic);
+    gone = impl->subscribe_map.extract(topic);
     impl->asked_qos.erase(topic);
     KRO_LOG_INFORMATION("--Success to erase topic %s from subscribe map", topic);
 }
@@ -1016,6 +1054,8 @@ void MqttClient::Impl::HandOverFront(std::unique_lock<std::mutex>& queue_lock, H
     pool().start([msg, in_flight = in_flight_handlers, gate_place = &gate] {
         const ClientThread mark;
         msg->handle();
+        // What it captures may be the last reference to a client: under the mark that one ends elsewhere.
+        if (safeguarded(kSafeLifetime)) msg->handler = nullptr;
         --*in_flight;
         gate_place->release();
     });
@@ -1175,6 +1215,7 @@ void MqttClient::EmergencyClear()
 
 void MqttClient::Impl::ClearQueue()
 {
+    std::deque<AsyncMessage> gone;  // with kSingleRelease; after the lock, as in Unsubscribe()
     const std::lock_guard<std::mutex> lock(queue_mutex);
     if (message_queue.empty()) {
         memory_usage = 0;
@@ -1190,6 +1231,7 @@ void MqttClient::Impl::ClearQueue()
             // process at the first entry; only where it lets that pass does the call come to its end.
             if (!safeguarded(kSingleRelease)) delete[] static_cast<char*>(message.payload);
         }
+        if (safeguarded(kSingleRelease)) gone.push_back(std::move(message_queue.front()));
         message_queue.pop_front();
         ++messages;
     }

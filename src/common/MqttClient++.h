@@ -50,14 +50,15 @@ class ThreadPool;
 /// What handlers and callbacks capture is destroyed with internal locks held: the destructors of captures
 /// must not call into any client, nor hold the last reference to one.
 ///
-/// **With safeguards** (Safeguards.h) most of these rules fall. kWaitForThread: at most 24 handlers of all clients
-/// run at once and the rest wait in their queues, so that no message ends the process. kKeepTrying: what Paho
-/// refuses at once is tried again as well. kSingleRelease and kSafeLifetime: a client may end with messages
-/// waiting, with tasks under way and on any thread, a handler's or callback's included; there the call that drops
-/// the last reference returns at once, the client ends on a thread of its own, and callbacks may still come for a
-/// moment. PublishMessage() may be called in the callbacks of Connect(). kPromptTeardown: an end takes
-/// milliseconds, more only while published messages of QoS 1 or 2 are not acknowledged, for up to 5 s, or while
-/// a handler runs.
+/// **With safeguards** (Safeguards.h) most of these rules fall, but not the one on captures.
+/// kWaitForThread: at most 24 handlers of all clients run at once and the rest wait in their queues, so
+/// that no message ends the process. kKeepTrying: what Paho refuses at once is tried again as well.
+/// kSingleRelease and kSafeLifetime: a client may end with messages waiting, with tasks under way and on
+/// any thread, a handler's or callback's included; there the call that drops the last reference returns
+/// at once, the client ends on a thread of its own, and callbacks may still come for a moment.
+/// PublishMessage() may be called in the callbacks of Connect(). kPromptTeardown: an end takes
+/// milliseconds, more only while published messages of QoS 1 or 2 are not acknowledged, for up to 5 s, or
+/// while a handler runs.
 class KRO_API MqttClient : public std::enable_shared_from_this<MqttClient>
 {
 public:
@@ -73,7 +74,7 @@ public:
     /// @param client_id   MQTT client identifier (MQTT 3.1.1 section 3.1.3.1), unique at the broker.
     /// @param username    sent with every connect, even when empty.
     /// @param password    likewise.
-    /// @throws std::system_error if a thread can't be started.
+    /// @throws std::system_error or Poco::SystemException if a thread can't be started.
     static std::shared_ptr<MqttClient> createInstance(std::string server_uri, std::string client_id,
                                                       std::string username, std::string password);
 
@@ -86,13 +87,16 @@ public:
     /// Stores the two callbacks and starts one attempt to connect, whatever the present state; returns at
     /// once. May be called again at any time. The setters further down take no lock: use them before the
     /// first Connect().
-    /// @param on_connect  told the result of each attempt, those of reconnections too: 0, Paho's code, or -1.
+    /// @param on_connect  told the result of each attempt, those of reconnections too: 0, Paho's code, or -1. An
+    ///                    attempt that finds no handle or no thread is only logged.
     ///                    Runs on a Paho thread (see above); when Paho refuses to start an attempt, on a pool
     ///                    thread with the connection's lock held, where the same calls are forbidden. Its
     ///                    result is ignored. May be empty.
     /// @param on_lost     told the cause of each lost connection, often empty; on a Paho thread. Its result
     ///                    is ignored. May be empty.
-    /// @throws std::bad_weak_ptr if no std::shared_ptr owns the client; the callbacks are stored even so.
+    /// @throws std::bad_weak_ptr if no std::shared_ptr owns the client, or none does any more (with
+    ///         kSafeLifetime it then returns); the callbacks are stored even so. A callback that may run while
+    ///         its client ends calls through a std::weak_ptr.
     void Connect(std::function<bool(int)> on_connect, std::function<bool(const std::string&)> on_lost);
 
     /// Asks the broker to end the connection; what is in flight gets up to 3 s, which this call does not wait
@@ -119,7 +123,8 @@ public:
     void Subscribe(MessageHandler handler, std::string topic, int qos);
 
     /// As above, for payloads that are JSON objects. An empty payload is passed over in silence, anything
-    /// else that is no JSON object with one ERROR line.
+    /// else that is no JSON object with one ERROR line. A Poco::Exception out of the handler or the gate is logged
+    /// at ERROR, too.
     void Subscribe(JsonHandler handler, std::string topic, int qos);
 
     /// Forgets all handlers of `topic`, the key as it was given to Subscribe(), and tells the broker if there

@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <MQTTAsync.h>
@@ -38,8 +39,10 @@ enum ConnectionState : std::int32_t
 
 /// Everything that a client is. Fields are destroyed from the last to the first.
 ///
-/// Lock order: client_mutex before subscribe_mutex; every other mutex is a leaf. client_mutex alone is held
-/// across calls into Paho, and so no callback of Paho's may take it: Paho holds its own lock there. Atomics
+/// Lock order: client_mutex before subscribe_mutex, queue_mutex and the one that makes and destroys handles;
+/// queue_mutex before that of the places; every other mutex is a leaf. client_mutex and the one of the
+/// handles are held across calls into Paho, and so no callback of Paho's may take them: Paho holds its own
+/// lock there. Atomics
 /// are flags and counters that threads look at one by one; where two must agree, the step that needs it says
 /// so.
 struct MqttClient::Impl
@@ -142,7 +145,7 @@ struct MqttClient::Impl
     // With kKeepQos: what Paho's answers to the re-subscriptions of this handle are told to mean; they come
     // until the handle is destroyed, and only read. Changed with client_mutex held, and only at its end while
     // the handle lives.
-    std::deque<std::string> resubscribed;
+    std::unordered_set<std::string> resubscribed;
     // With kSafeLifetime: publishes between the reading of async_client and their return from Paho.
     std::atomic<int> publishing{0};
     // Of the callbacks, the two of Connect are guarded by control_mutex, since a host may call it again at
@@ -160,8 +163,7 @@ struct MqttClient::Impl
     std::string reserved_text;  // stays empty
     std::atomic<std::int32_t> connection_state{Disconnected};
     std::atomic<std::int32_t> failure_count{0};  // failures and losses since the last success
-    // These three are plain: the first and the last belong to Paho's callbacks, which never overlap, and the
-    // other to the control thread.
+    // The first and the last are guarded by control_mutex, the other belongs to the control thread.
     std::int64_t reconnect_base_delay = 1000;                    // milliseconds
     std::chrono::steady_clock::time_point last_connect_attempt;  // written and never read
     std::chrono::steady_clock::time_point last_connected_at;     // the clock's epoch until the first success
@@ -170,7 +172,7 @@ struct MqttClient::Impl
     std::condition_variable reconnect_cv;
     std::thread message_processor_thread;
     std::deque<AsyncMessage> message_queue;
-    std::mutex queue_mutex;  // guards message_queue and the fields down to lingers; a leaf
+    std::mutex queue_mutex;  // guards message_queue, the fields down to naps, the processor's start
     std::condition_variable queue_cv;
     // Of ProcessInPlaces; null places stand for the settled processor. The first three are fixed.
     const bool drains_in_place;
@@ -187,7 +189,8 @@ struct MqttClient::Impl
     std::atomic<std::size_t> dropped_messages{0};
     std::deque<std::function<void()>> control_tasks;
     std::mutex
-        control_mutex;  // guards control_tasks, the change of control_running, Connect's callbacks; a leaf
+        control_mutex;  // guards control_tasks, the change of control_running, Connect's callbacks and the two
+                        // fields above that say so; a leaf
     std::condition_variable control_cv;
     std::atomic<bool> control_running{true};
     std::thread control_thread;
