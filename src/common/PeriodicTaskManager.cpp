@@ -125,6 +125,7 @@ bool PeriodicTaskManager::endThreads_l()
     {
         std::unique_lock<std::mutex> lock(exit_gate->mutex);
         exit_gate->closing = true;
+        monitor_running = false;  // a start may have come meanwhile
         exit_gate->changed.notify_all();
         if (!exit_gate->changed.wait_until(lock, deadline, [this] { return exit_gate->monitors == 0; }))
             return false;
@@ -247,8 +248,9 @@ void PeriodicTaskManager::startPeriodMonitorTask()
 {
     // Settled: nobody looks whether a former monitor still sleeps. It would go on, and the two share
     // due_tasks.
-    monitor_running = true;
     const std::lock_guard<std::mutex> starting(exit_gate->mutex);
+    if (exit_gate->closing) return;
+    monitor_running = true;
     monitor_thread = std::thread([this, gate = exit_gate] {
         gate->monitorEnters();
         // Settled: nothing is caught here. A full pool, or anything else that a pass throws, ends the
@@ -375,8 +377,9 @@ void PeriodicTaskManager::executeWatched_l(const std::shared_ptr<TaskContext>& t
     run.over = true;
     exit_gate->changed.notify_all();
     TaskStatus expected = TASK_RUNNING;  // a time-out or a cancel that came just before stays
-    if (goes_on && task->task_status.compare_exchange_strong(expected, TASK_FINISHED))
-        task->task_status = TASK_IDLE;
+    if (!goes_on || !task->task_status.compare_exchange_strong(expected, TASK_FINISHED)) return;
+    task->task_status = TASK_IDLE;
+    if (task->task_abort) task->task_status = TASK_CANCELLED;  // by a cancel in between
 }
 
 void PeriodicTaskManager::timeoutMonitor(const std::shared_ptr<TaskContext>& task,

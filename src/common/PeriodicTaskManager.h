@@ -98,7 +98,8 @@ public:
     unsigned int registerTask(std::string& name, std::chrono::milliseconds period, std::function<void()> func,
                               std::chrono::milliseconds timeout);
 
-    /// Ends a task: it isn't started again, and leaves the table at the monitor's next pass. A run under way
+    /// Ends a task: it isn't started again, and leaves the table at the monitor's next pass (one that was found
+    /// late stays there). A run under way
     /// goes on to its end. Cancel once: a second call before that pass makes the monitor forget the period of
     /// another task with an equal one, and perhaps wake too seldom for it.
     /// @return true if the id was in the table.
