@@ -42,7 +42,8 @@ KRO_API bool findProcessByName(const std::string& name, std::vector<int>& pids);
 /// Ends a process with SIGKILL: `pid` goes to the shell's kill. Waits for the shell, not for the process's
 /// end; meanwhile SIGCHLD is blocked on the calling thread, and the process ignores SIGINT and SIGQUIT
 /// (POSIX, system()). A process that isn't there, or isn't ours to kill, is left without a word; other
-/// failures are logged.
+/// failures are logged. With kNoShell the signal is sent directly, and an id that means a group is refused
+/// and logged.
 /// @param pid  0 is the caller's own process group.
 KRO_API void cleanProcessById(const unsigned int& pid);
 
@@ -50,11 +51,12 @@ KRO_API void cleanProcessById(const unsigned int& pid);
 KRO_API void cleanProcessByName(const std::string& name);
 
 /// Sends one ICMP echo through the shell's ping and waits up to 2 s for the answer, with SIGCHLD, SIGINT and
-/// SIGQUIT as for cleanProcessById().
+/// SIGQUIT as for cleanProcessById(). With kNoShell ping is started without a shell and the signals are left
+/// as they are; anything but an address or a host name is refused and logged.
 /// @param ip  an address or a host name. It goes to the shell as it stands, so never hand over what came from
-///            outside.
+///            outside without kNoShell.
 /// @return true if it answered. False without an answer, without a ping on the machine, after a failure, and
-///         always in a host that ignores SIGCHLD: the shell's result can't be had there.
+///         always in a host that ignores SIGCHLD: the result of ping can't be had there.
 KRO_API bool pingIp(const std::string& ip);
 
 /// What listFilesRecursively() collects.
