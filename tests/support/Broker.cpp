@@ -7,9 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -19,40 +17,26 @@ namespace kro::test
 {
 namespace
 {
-sockaddr_in loopback(int port)
+/// Hands a new socket to bind() or connect(), with a port of the loopback interface.
+/// @return the port that the socket has then, or 0 if the call failed.
+int onLoopback(int (*call)(int, const sockaddr*, socklen_t), int port)
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<in_port_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-int freePort()
-{
-    const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = loopback(0);
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
     socklen_t length = sizeof address;
-    if (bind(probe, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        throw std::runtime_error("no free port");
-    close(probe);
-    return ntohs(address.sin_port);
-}
-
-bool accepts(int port)
-{
     const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in address = loopback(port);
-    const bool ok = ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    const bool ok = call(probe, any, length) == 0 && getsockname(probe, any, &length) == 0;
     close(probe);
-    return ok;
+    return ok ? ntohs(address.sin_port) : 0;
 }
 }  // namespace
 
-Broker::Broker() : port(freePort())
+Broker::Broker() : port(onLoopback(bind, 0))
 {
-    char name[] = "/media/broker-XXXXXX";  // a tmpfs of this process, so that nothing outlives a crash
+    char name[] = "/media/broker-XXXXXX";  // a tmpfs of this process, and gone with it
     if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder for the broker");
     folder = name;
     const std::string make_user = "mosquitto_passwd -b -c " + folder + "/users user secret 2>/dev/null";
@@ -67,8 +51,6 @@ Broker::Broker() : port(freePort())
 Broker::~Broker()
 {
     kill();
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
 }
 
 void Broker::start()
@@ -79,7 +61,8 @@ void Broker::start()
         execlp("mosquitto", "mosquitto", "-c", (folder + "/conf").c_str(), nullptr);
         std::_Exit(127);
     }
-    if (!eventually([this] { return accepts(port); })) throw std::runtime_error("mosquitto does not come up");
+    if (!eventually([this] { return onLoopback(connect, port) != 0; }))
+        throw std::runtime_error("mosquitto does not come up");
 }
 
 void Broker::kill()
@@ -90,23 +73,11 @@ void Broker::kill()
     process = -1;
 }
 
-std::string Broker::file(const std::string& content) const
-{
-    std::ofstream(folder + "/content", std::ios::binary) << content;
-    return folder + "/content";
-}
-
-std::string Broker::run(const std::string& tool, const std::string& arguments) const
+void Broker::publish(const std::string& arguments) const
 {
     const std::string command =
-        tool + " -h 127.0.0.1 -p " + std::to_string(port) + " -u user -P secret " + arguments;
-    FILE* const pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) throw std::runtime_error("cannot run " + tool);
-    std::string output;
-    char buffer[4096];
-    while (const std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
-    if (pclose(pipe) != 0) throw std::runtime_error(command + " failed");
-    return output;
+        "mosquitto_pub -h 127.0.0.1 -p " + std::to_string(port) + " -u user -P secret " + arguments;
+    if (std::system(command.c_str()) != 0) throw std::runtime_error(command + " failed");
 }
 
 }  // namespace kro::test

@@ -8,7 +8,7 @@
 namespace kro::test
 {
 /// A mosquitto of the test's own: on a free loopback port, with user "user" and password "secret", its files
-/// in a folder that goes with it. Every failure to set it up throws std::runtime_error.
+/// in a folder that goes with the process. Every failure to set it up throws std::runtime_error.
 class Broker
 {
 public:
@@ -22,12 +22,8 @@ public:
 
     std::string uri() const { return "tcp://127.0.0.1:" + std::to_string(port); }
 
-    /// Runs mosquitto_pub or mosquitto_sub with this broker's address and credentials.
-    /// @return what it printed.
-    std::string run(const std::string& tool, const std::string& arguments) const;
-
-    /// @return the path of a new file with that content, in the folder that goes with the broker.
-    std::string file(const std::string& content) const;
+    /// Runs mosquitto_pub with this broker's address and credentials, and waits for its end.
+    void publish(const std::string& arguments) const;
 
 private:
     std::string folder;
