@@ -1,122 +1,97 @@
 #include "ThreadPool.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <future>
 #include <thread>
 
 #include <Poco/Exception.h>
-#include <Poco/Thread.h>
 
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/WithSafeguards.h"
 
 namespace kro
 {
-struct ThreadPoolTestAccess
-{
-    static std::size_t live(ThreadPool& pool)
-    {
-        const Poco::FastMutex::ScopedLock lock(pool.live_adapters_mutex);
-        return pool.live_adapters.size();
-    }
-};
-
 namespace
 {
 using test::eventually;
-using test::LogCapture;
-using Access = ThreadPoolTestAccess;
 
 class ThreadPoolTest : public testing::Test
 {
 protected:
+    ThreadPoolTest() { log.clear(); }
     ~ThreadPoolTest() override
     {
-        if (!is_open) open();
+        is_open = true;
         pool->joinAll();
     }
-    /// Starts a task that ends with `last` once the gate is open, and so not before it is listed.
-    template <typename Last>
-    void startHeld(Last last)
+    /// Starts a task that ends with `last` once `gate` is true, and so not before it is listed.
+    void startHeld(const std::atomic<bool>& gate, const std::function<void()>& last)
     {
-        pool->start([held = opened, last] { held.wait(), last(); });
+        pool->start([&gate, last] {
+            eventually([&] { return gate.load(); });
+            last();
+        });
     }
-    void open() { is_open = true, gate.set_value(); }
 
-    std::promise<void> gate;
-    bool is_open = false;
-    const std::shared_future<void> opened = gate.get_future().share();
+    test::LogCapture& log = test::LogCapture::instance();
+    std::atomic<bool> is_open{false};
+    const std::shared_ptr<int> capture = std::make_shared<int>(7);
     const std::shared_ptr<ThreadPool> pool = std::make_shared<ThreadPool>(1, 32, 60, 0);
 };
 
 TEST_F(ThreadPoolTest, ReleasesCapturesOnThePoolThreadWhenASharedPtrOwnsThePool)
 {
-    std::promise<std::thread::id> ran_on, released_on;
-    std::shared_ptr<int> capture(new int(7), [&](const int* number) {
-        delete number;
-        released_on.set_value(std::this_thread::get_id());
-    });
-    startHeld([&ran_on, capture] { ran_on.set_value(std::this_thread::get_id()); });
-    capture.reset();
-    EXPECT_EQ(Access::live(*pool), 1u);
-    open();
-    EXPECT_EQ(ran_on.get_future().get(), released_on.get_future().get());
-    EXPECT_TRUE(eventually([&] { return Access::live(*pool) == 0; }));
+    std::atomic<std::thread::id> ran_on, released_on;
+    std::atomic<bool> may_end{false};
+    std::shared_ptr<void> released(&may_end, [&](void*) { released_on = std::this_thread::get_id(); });
+    startHeld(is_open, [] {});  // the first of the list, which goes on
+    startHeld(may_end, [&ran_on, released] { ran_on = std::this_thread::get_id(); });
+    released.reset();
+    may_end = true;
+    EXPECT_TRUE(eventually([&] { return released_on.load() != std::thread::id(); }));
+    EXPECT_EQ(ran_on, released_on);
 }
 
-TEST_F(ThreadPoolTest, KeepsEveryAdapterWhenNoSharedPtrOwnsThePool)
+TEST_F(ThreadPoolTest, KeepsEveryTaskWhenNoSharedPtrOwnsThePoolUnlessAskedToReleaseThem)
 {
-    const auto capture = std::make_shared<int>(7);
-    {
+    for (const unsigned bits : {0u, unsigned(kReleaseAdapters)}) {
+        const test::WithSafeguards set(bits);
         ThreadPool plain(1, 32, 60, 0);
-        for (int i = 0; i < 3; ++i) plain.start([capture] {});
+        for (int i = 0; i < 3; ++i) plain.start([kept = capture] {});
         plain.joinAll();
-        EXPECT_EQ(capture.use_count(), 4);
+        EXPECT_EQ(capture.use_count(), bits == 0 ? 4 : 1);
     }
+}
+
+TEST_F(ThreadPoolTest, RefusesTheThirtyThirdTaskAndDoesNotKeepIt)
+{
+    for (int i = 0; i < 32; ++i) startHeld(is_open, [] {});
+    EXPECT_THROW(pool->start([kept = capture] {}), Poco::NoThreadAvailableException);
     EXPECT_EQ(capture.use_count(), 1);
+    EXPECT_EQ(log.lines(), std::vector{test::error("exception: No thread available")});
 }
 
-TEST_F(ThreadPoolTest, RefusesTheThirtyThirdTaskAndTakesOneAgainWhenOneHasEnded)
+TEST_F(ThreadPoolTest, LogsWhatATaskThrowsAndKeepsOneThatThrowsAnyOtherThing)
 {
-    std::promise<void> first;
-    pool->start([may_end = first.get_future().share()] { may_end.wait(); });
-    for (int i = 1; i < 32; ++i) startHeld([] {});
-    LogCapture::instance().clear();
-    const auto capture = std::make_shared<int>(7);
-    EXPECT_THROW(pool->start([capture] {}), Poco::NoThreadAvailableException);
-    EXPECT_EQ(capture.use_count(), 1) << "a refused task must not stay in the list";
-    EXPECT_EQ(LogCapture::instance().lines(), std::vector{test::error("exception: No thread available")});
-    first.set_value();
-    EXPECT_TRUE(eventually([&] { return pool->used() == 31; }));
-    EXPECT_NO_THROW(startHeld([] {}));
-}
-
-TEST_F(ThreadPoolTest, LogsWhatATaskThrowsAndLeavesTheAdapterForAnyOtherThing)
-{
-    LogCapture::instance().clear();
-    startHeld([] { throw Poco::NotFoundException("the key"); });
-    startHeld([] { throw std::runtime_error("plain"); });
-    startHeld(std::function<void()>());  // throws std::bad_function_call
-    startHeld([] { throw 5; });
-    open();
-    for (const char* const text : {"Not found: the key", "plain", "bad_function_call"})
-        EXPECT_TRUE(eventually([&] { return LogCapture::instance().has(test::error(text)); })) << text;
+    startHeld(is_open, [] { throw Poco::NotFoundException("the key"); });
+    startHeld(is_open, [] { throw std::runtime_error("plain"); });
+    startHeld(is_open, [kept = capture] { throw 5; });
+    pool->start({}, "an empty task");
+    is_open = true;
     pool->joinAll();
-    EXPECT_EQ(Access::live(*pool), 1u);
-    EXPECT_NO_THROW(pool->start({}, "an empty task"));
-    pool->joinAll();
-    EXPECT_EQ(LogCapture::instance().lines().size(), 3u);
+    EXPECT_EQ(log.count(test::error("Not found: the key")) + log.count(test::error("plain")), 2u);
+    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(capture.use_count(), 2);
 }
 
 TEST_F(ThreadPoolTest, MayBeDestroyedUnderATaskThatUsesNoCaptures)
 {
     static std::atomic<bool> s_begun{false}, s_may_end{false};
     auto doomed = std::make_shared<ThreadPool>(1, 32, 60, 0);
-    const auto capture = std::make_shared<int>(7);
-    doomed->start([capture] {
+    doomed->start([kept = capture] {
         s_begun = true;
         eventually([] { return s_may_end.load(); });
     });
@@ -125,23 +100,6 @@ TEST_F(ThreadPoolTest, MayBeDestroyedUnderATaskThatUsesNoCaptures)
     EXPECT_TRUE(eventually([&] { return capture.use_count() == 1; })) << "adapters go first";
     s_may_end = true;
     destroyed.get();
-}
-
-TEST_F(ThreadPoolTest, RunsAtOneOfTwoPrioritiesOnThreadsThatAreNotNamedAfterTheirStarter)
-{
-    pthread_setname_np(pthread_self(), "starter");
-    startHeld([] {});  // takes the thread that stands ready, so that the next one is started from here
-    for (const bool low : {true, false}) {
-        std::promise<std::pair<int, std::string>> seen;
-        const auto task = [&seen] {
-            char name[16];
-            pthread_getname_np(pthread_self(), name, sizeof name);
-            seen.set_value({Poco::Thread::current()->getPriority(), name});
-        };
-        pool->startWithPriority(task, "probe", low);
-        const auto priority = low ? Poco::Thread::PRIO_LOWEST : Poco::Thread::PRIO_NORMAL;
-        EXPECT_EQ(seen.get_future().get(), std::pair(int{priority}, std::string("kro-pool")));
-    }
 }
 
 }  // namespace
