@@ -60,7 +60,7 @@ TEST(NotificationCenterTest, TakesCallsFromAllThreadsAtOnce)
 {
     const auto storm = [] {
         auto& center = NotificationCenter::defaultCenter();
-        for (int i = 0; i < 500; ++i) {
+        for (int i = 0; i < 20000; ++i) {
             center.set("a", std::make_shared<int>(i));
             center.find<int>("a");
             center.remove("a");
