@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -53,13 +52,10 @@ TEST_F(MqttClientTest, ConnectsThroughEveryStepInOrder)
     EXPECT_EQ(options.MQTTVersion, 0);
     EXPECT_EQ(paho.calls.all(),
               (std::vector<std::string>{"create tcp://broker:1883 station 1", "setCallbacks", "connect"}));
-    EXPECT_EQ(results.all(), std::vector{0});
+    // Paho's answer may overtake the line that the attempt was started.
     ASSERT_TRUE(logged(information("Connect operation started successfully")));
     auto lines = log.lines();
-    // Paho's answer may overtake the line that the attempt was started.
-    const auto started =
-        std::find(lines.begin(), lines.end(), information("Connect operation started successfully"));
-    lines.erase(started);
+    lines.erase(std::find(lines.begin(), lines.end(), information("Connect operation started successfully")));
     EXPECT_EQ(lines, (std::vector{information("Success to create async mqtt client"),
                                   information("Success to set callbacks."),
                                   information("Start connecting async mqtt client"),
@@ -67,37 +63,10 @@ TEST_F(MqttClientTest, ConnectsThroughEveryStepInOrder)
                                   information("Re-subscribing after reconnection, count: 0")}));
     EXPECT_TRUE(client->IsConnected());
     EXPECT_EQ(client->getstation(), "station");
-    EXPECT_TRUE(log.has(information("client_id is station")));
-
     client->Connect([this](int code) { return results.add(code); }, {});
-    EXPECT_TRUE(eventually([&] { return paho.calls.count("connect") == 2; }))
-        << "no test of the present state";
-    EXPECT_TRUE(logged(information("MQTT connection established successfully"), 2));
-}
-
-TEST_F(MqttClientTest, SharesOnePoolAndNothingElseBetweenClients)
-{
-    std::vector<std::future<std::shared_ptr<MqttClient>>> made;
-    for (int i = 0; i < 4; ++i)
-        made.push_back(std::async(
-            std::launch::async, [] { return MqttClient::createInstance("tcp://broker:1883", "x", "", ""); }));
-    std::set<std::shared_ptr<MqttClient>> clients;
-    for (auto& one : made) clients.insert(one.get());
-    EXPECT_EQ(clients.size(), 4u);
-    for (const auto& one : clients) {
-        EXPECT_FALSE(one->IsConnected());
-        EXPECT_EQ(one->GetQueueSize() + one->GetMemoryUsage() + one->GetDroppedMessages(), 0u);
-        EXPECT_EQ(Access::impl(*one).last_connected_at, std::chrono::steady_clock::time_point());
-        one->Connect({}, {});
-    }
-    for (const auto& one : clients) EXPECT_TRUE(eventually([&] { return one->IsConnected(); }));
-    // Ended side by side: one after the other would take a second each.
-    std::vector<std::future<void>> ends;
-    for (auto next = clients.begin(); next != clients.end(); next = clients.erase(next)) {
-        EXPECT_TRUE(eventually([&] { return next->use_count() == 1; }));
-        auto last = *next;
-        ends.push_back(std::async(std::launch::async, [one = std::move(last)]() mutable { one.reset(); }));
-    }
+    EXPECT_TRUE(eventually([&] {
+        return results.all() == std::vector{0, 0};
+    })) << "no test of the present state";
 }
 
 TEST_F(MqttClientTest, StartsNoProcessorBehindTheEndOfItsClient)
@@ -141,42 +110,33 @@ TEST_F(MqttClientTest, StaysWithoutAHandleWhenPahoRefusesToMakeOne)
         EXPECT_TRUE(log.has(error(step == "create" ? "Failed to create async mqtt client, return code -7"
                                                    : "Failed to set callbacks, return code -7")));
         EXPECT_EQ(paho.calls.count("destroy"), step == "create" ? 0u : 1u);
-        EXPECT_FALSE(impl().processor_started);
         client->Connect([this](int code) { return results.add(code); }, {});
         EXPECT_TRUE(logged(error("async mqtt client is nullptr.")));
-        EXPECT_TRUE(eventually([&] { return impl().connection_state == Disconnected; }));
         client->Disconnect();
         EXPECT_TRUE(log.has(error("Failed to disconnect, async_client is null")));
+        client->Subscribe([](MQTTAsync_message*, const std::string&) {}, "a", 0);
+        EXPECT_TRUE(logged(error("Failed to subscribe topic a, async_client is null")));
         client->Unsubscribe("a");
         EXPECT_TRUE(log.has(error("Failed to unsubscribe topic=a, mqtt client is null")));
+        EXPECT_EQ(impl().subscribe_map.size(), 1u) << "stays without a handle to unsubscribe with";
         EXPECT_FALSE(client->PublishMessage("x", "a", 0, 0, 0));
         client.reset();
     }
     EXPECT_TRUE(results.all().empty());
-    EXPECT_EQ(paho.calls.count("connect"), 0u);
 }
 
 TEST_F(MqttClientTest, TellsTheHostWhenAnAttemptCannotBeStartedAndSchedulesNothing)
 {
     create();
-    test::Recorder<bool> lock_was_free;
     paho.script("connect", -9);
     client->Connect(
-        [&](int code) {
+        [this](int code) {
             results.add(code);
-            // Asked by another thread: the one that holds the mutex must not.
-            lock_was_free.add(std::async(std::launch::async, [&] {
-                                  const std::unique_lock<std::mutex> lock(impl().client_mutex,
-                                                                          std::try_to_lock);
-                                  return lock.owns_lock();
-                              }).get());
             if (code == -9) throw std::runtime_error("from the host");
             return true;
         },
         {});
-    ASSERT_TRUE(eventually([&] { return lock_was_free.all().size() == 2; }));
-    EXPECT_EQ(lock_was_free.all(), (std::vector{false, true}));
-    EXPECT_EQ(results.all(), (std::vector{-9, -1}));
+    ASSERT_TRUE(eventually([&] { return results.all() == std::vector{-9, -1}; }));
     EXPECT_TRUE(log.has(error("Failed to start connect, return code -9")));
     EXPECT_TRUE(log.has(error("Connect exception: from the host")));
     EXPECT_EQ(impl().connection_state, Disconnected);
@@ -201,16 +161,8 @@ TEST_F(MqttClientTest, StaysInConnectingWhenThePoolIsFull)
 TEST_F(MqttClientTest, ConnectOnAClientWithoutASharedPtrThrowsWithTheCallbacksStored)
 {
     MqttClient plain("tcp://broker:1883", "", "", "");
-    EXPECT_THROW(plain.Connect([](int) { return true; }, [](const std::string&) { return true; }),
-                 std::bad_weak_ptr);
+    EXPECT_THROW(plain.Connect([](int) { return true; }, {}), std::bad_weak_ptr);
     EXPECT_TRUE(Access::impl(plain).connect_callback);
-    EXPECT_TRUE(Access::impl(plain).connection_lost_callback);
-    EXPECT_EQ(plain.getstation(), "");
-    EXPECT_TRUE(log.has(error("client_id is empty")));
-    // Before the first createInstance() there is no pool: the work is done here, and said.
-    plain.Subscribe([](MQTTAsync_message*, const std::string&) {}, "a", 0);
-    EXPECT_EQ(log.countPrefix("mqtt subscribe exception: "), 1u);
-    EXPECT_TRUE(log.has(error("Failed to subscribe topic a, async_client is not connected")));
 }
 
 using MqttClientDeathTest = MqttClientTest;
@@ -267,7 +219,6 @@ TEST_F(MqttClientTest, ReconnectsThroughANewHandleAndSubscribesAgainAtQos1)
 {
     connect();
     subscribe([](auto*, const auto&) {}, "a/b", 2);
-    EXPECT_EQ(paho.calls.count("subscribe a/b 2"), 1u);
     paho.loseConnection(nullptr);
     EXPECT_FALSE(client->IsConnected());
     EXPECT_EQ(losses.all(), std::vector<std::string>{""});
@@ -276,7 +227,6 @@ TEST_F(MqttClientTest, ReconnectsThroughANewHandleAndSubscribesAgainAtQos1)
                                         " ms, failure count: 1, quick_retry: true");
     EXPECT_GE(delay_ms, 1000);
     EXPECT_LE(delay_ms, 1200);
-    EXPECT_FALSE(client->PublishMessage("x", "a", 0, 0, 0));
     EXPECT_TRUE(logged(information("Success to resubscribe topic a/b")));
     EXPECT_EQ(paho.calls.count("subscribe a/b 1"), 1u);
     EXPECT_EQ(results.all(), (std::vector{0, 0}));
@@ -285,8 +235,6 @@ TEST_F(MqttClientTest, ReconnectsThroughANewHandleAndSubscribesAgainAtQos1)
                                             "destroy",           "create tcp://broker:1883 station 1",
                                             "setCallbacks",      "connect"};
     EXPECT_NE(std::search(calls.begin(), calls.end(), replaced.begin(), replaced.end()), calls.end());
-    EXPECT_TRUE(log.has(information("Cleaning up existing client before recreation")));
-    EXPECT_TRUE(log.has(information("disconnect mqtt successed")));
     EXPECT_EQ(impl().failure_count, 0);
     EXPECT_FALSE(impl().quick_retry);
 }
@@ -306,22 +254,19 @@ TEST_F(MqttClientTest, CountsEveryFailureAndTakesTheLongTableAfterAnHour)
     EXPECT_EQ(scheduledDelay("Scheduling reconnection after connect failure in ",
                              " ms, failure count: 1, quick_retry: false"),
               0);
-    EXPECT_TRUE(log.has(error("MQTT connection failed, return code 5")));
     ASSERT_TRUE(eventually([&] { return paho.calls.count("connect") == 2; })) << "at once, with a new handle";
 
     impl().last_connected_at = now - 3500s;
     paho.connectFails(nullptr);
-    const int delay_ms = scheduledDelay("Scheduling reconnection after connect failure in ",
-                                        " ms, failure count: 2, quick_retry: true");
-    EXPECT_GE(delay_ms, 1000);
-    EXPECT_LE(delay_ms, 1200);
+    EXPECT_GE(scheduledDelay("Scheduling reconnection after connect failure in ",
+                             " ms, failure count: 2, quick_retry: true"),
+              1000);
     impl().last_connected_at = now - 4000s;
     paho.loseConnection("once more");
     EXPECT_GE(scheduledDelay("Scheduling reconnection after connection lost in ",
                              " ms, failure count: 3, quick_retry: true"),
               3000)
         << "the short table holds until a success";
-    EXPECT_TRUE(log.has(error("MQTT connection lost: once more")));
     EXPECT_EQ(results.all(), (std::vector{5, 99}));
 
     ASSERT_TRUE(eventually([&] { return paho.calls.count("connect") == 3; }));
@@ -331,42 +276,22 @@ TEST_F(MqttClientTest, CountsEveryFailureAndTakesTheLongTableAfterAnHour)
     EXPECT_EQ(impl().failure_count, 0);
 }
 
-TEST_F(MqttClientTest, LeavesAReconnectionToTheOneThatOwnsIt)
-{
-    connect();
-    paho.answer_connects = false;
-    paho.loseConnection("first");
-    ASSERT_TRUE(eventually([&] { return paho.calls.count("connect") == 2; }));
-    EXPECT_TRUE(impl().reconnecting);
-    Access::schedule(*client);
-    EXPECT_TRUE(logged(information("Connection state changed during delay, skipping reconnection")));
-    EXPECT_EQ(paho.calls.countPrefix("create"), 2u);
-}
-
-TEST_F(MqttClientTest, DropsAReconnectionWhenTheLinkIsUpAndKeepsOneAcrossADisconnect)
+TEST_F(MqttClientTest, DropsAReconnectionWhereNoneIsNeededAndKeepsOneAcrossADisconnect)
 {
     connect();
     Access::schedule(*client);
     EXPECT_TRUE(logged(information("Already connected, skipping reconnection")));
+    paho.answer_connects = false;
     paho.loseConnection("gone");
     client->Disconnect();  // does not cancel what is scheduled
-    EXPECT_TRUE(eventually([&] { return client->IsConnected(); }));
-    EXPECT_EQ(paho.calls.count("connect"), 2u);
+    ASSERT_TRUE(eventually([&] { return paho.calls.count("connect") == 2; }));
+    Access::schedule(*client);
+    EXPECT_TRUE(logged(information("Connection state changed during delay, skipping reconnection")))
+        << "it is left to the one that owns it";
+    EXPECT_EQ(paho.calls.countPrefix("create"), 2u);
 }
 
-TEST_F(MqttClientTest, EndsReconnectingWhenNoHandleCanBeMade)
-{
-    connect();
-    paho.script("create", -1);
-    paho.loseConnection("gone");
-    EXPECT_TRUE(logged(error("Failed to create async mqtt client, return code -1")));
-    EXPECT_TRUE(eventually([&] { return !impl().reconnecting && impl().connection_state == Disconnected; }));
-    client->Connect([this](int code) { return results.add(code); }, {});
-    EXPECT_TRUE(logged(error("async mqtt client is nullptr."))) << "Connect makes no handle";
-    EXPECT_EQ(results.all(), std::vector{0});
-}
-
-TEST_F(MqttClientTest, EndsReconnectingWhenPahoRefusesTheAttemptUntilTheHostConnects)
+TEST_F(MqttClientTest, EndsReconnectingWhenPahoRefusesUntilTheHostConnects)
 {
     connect();
     paho.script("connect", -3);
@@ -374,8 +299,13 @@ TEST_F(MqttClientTest, EndsReconnectingWhenPahoRefusesTheAttemptUntilTheHostConn
     EXPECT_TRUE(logged(error("Failed to start connect, return code -3")));
     EXPECT_TRUE(impl().reconnecting) << "left set, as the settled end of reconnecting";
     client->Connect({}, {});
-    EXPECT_TRUE(logged(information("MQTT connection established successfully"), 2));
-    EXPECT_TRUE(eventually([&] { return !impl().reconnecting; }));
+    EXPECT_TRUE(eventually([&] { return client->IsConnected() && !impl().reconnecting; }));
+    paho.script("create", -1);
+    paho.loseConnection("gone");
+    EXPECT_TRUE(logged(error("Failed to create async mqtt client, return code -1")));
+    EXPECT_TRUE(eventually([&] { return !impl().reconnecting && impl().connection_state == Disconnected; }));
+    client->Connect({}, {});
+    EXPECT_TRUE(logged(error("async mqtt client is nullptr."))) << "Connect makes no handle";
 }
 
 TEST_F(MqttClientTest, ResubscribesOnlyWhileTheLinkIsUp)
@@ -396,35 +326,15 @@ TEST_F(MqttClientTest, ResubscribesOnlyWhileTheLinkIsUp)
     });
     paho.connectSucceeds();
     EXPECT_TRUE(logged(error("Connection lost before re-subscription could start")));
-    const auto settled = [&] {  // a control task behind the re-subscription has run
-        std::promise<void> done;
-        impl().PostControlTask([&] { done.set_value(); });
-        done.get_future().wait();
-    };
-    settled();
-    auto before = paho.calls.countPrefix("subscribe");
     log.setHook([&](const test::LogLine& line) {
         if (line.text.rfind("Success to resubscribe topic ", 0) == 0) impl().connection_state = Disconnected;
     });
+    const auto before = paho.calls.countPrefix("subscribe");
     paho.connectSucceeds();
-    settled();
+    std::promise<void> done;  // by a control task behind the re-subscription
+    impl().PostControlTask([&] { done.set_value(); });
+    done.get_future().wait();
     EXPECT_EQ(paho.calls.countPrefix("subscribe"), before + 1);
-
-    // It goes while the task waits for client_mutex.
-    log.setHook({});
-    before = paho.calls.countPrefix("subscribe");
-    const auto lines = log.countPrefix("Re-subscribing");
-    {
-        const std::lock_guard<std::mutex> lock(impl().client_mutex);
-        paho.connectSucceeds();
-        ASSERT_TRUE(eventually([&] { return log.countPrefix("Re-subscribing") > lines; }));
-        // Past its test of the state or not: it is told apart by the line, so a late task is given its time.
-        std::this_thread::sleep_for(50ms);
-        impl().connection_state = Disconnected;
-    }
-    settled();
-    EXPECT_EQ(log.countPrefix("Connection lost during subscription of topic: "), 1u);
-    EXPECT_EQ(paho.calls.countPrefix("subscribe"), before);
 }
 
 TEST_F(MqttClientTest, EndsALongDelayAtOnceWhenItIsDestroyed)
@@ -452,11 +362,8 @@ TEST_F(MqttClientTest, RemembersASubscriptionMadeWithoutAConnection)
     create();
     client->Subscribe([](MQTTAsync_message*, const std::string&) {}, "early", 2);
     EXPECT_TRUE(logged(error("Failed to subscribe topic early, async_client is not connected")));
-    EXPECT_EQ(log.countPrefix("Subscribe call #"), 1u);
     client->Connect({}, {});
     EXPECT_TRUE(logged(information("Success to resubscribe topic early")));
-    EXPECT_EQ(paho.calls.count("subscribe early 1"), 1u);
-    EXPECT_TRUE(log.has(information("Re-subscribing after reconnection, count: 1")));
 }
 
 TEST_F(MqttClientTest, KeepsOneHandlerForEachCallAndForgetsThemTogether)
@@ -465,50 +372,30 @@ TEST_F(MqttClientTest, KeepsOneHandlerForEachCallAndForgetsThemTogether)
     subscribe([](auto*, const auto&) {}, "t", 0);
     paho.script("subscribe", -5);
     subscribe([](auto*, const auto&) {}, "t", 2);
-    EXPECT_TRUE(logged(information("Success to subscribe topic t, return code 0")));
-    EXPECT_TRUE(logged(error("Failed to subscribe topic t, return code -5")));
+    EXPECT_TRUE(log.has(error("Failed to subscribe topic t, return code -5")));
     EXPECT_EQ(impl().subscribe_map.at("t").size(), 2u) << "a refusal by Paho loses nothing";
-    client->Unsubscribe("t");
-    EXPECT_TRUE(impl().subscribe_map.empty());
-    EXPECT_TRUE(log.has(information("Success to unsubscribe topic t, return code 0")));
-
     paho.script("unsubscribe", -6);
-    client->Unsubscribe("never");
-    EXPECT_EQ(paho.calls.count("unsubscribe never"), 1u) << "the broker is asked even so";
-    EXPECT_TRUE(log.has(error("Failed to unsubscribe topic never, return code -6")));
-    EXPECT_TRUE(log.has(information("--Success to erase topic never from subscribe map")));
-
+    client->Unsubscribe("t");
+    EXPECT_TRUE(log.has(error("Failed to unsubscribe topic t, return code -6")));
+    EXPECT_TRUE(impl().subscribe_map.empty()) << "forgotten although the broker could not be told";
     subscribe([](auto*, const auto&) {}, "u", 0);
     impl().connected = false;
     client->Unsubscribe("u");
-    EXPECT_TRUE(log.has(information("mqtt is not connected!")));
     EXPECT_EQ(paho.calls.count("unsubscribe u"), 0u);
-    EXPECT_TRUE(impl().subscribe_map.empty()) << "forgotten although the broker could not be told";
-}
-
-TEST_F(MqttClientTest, KeepsTheTopicWhenThereIsNoHandleToUnsubscribeWith)
-{
-    paho.script("create", -1);
-    create();
-    client->Subscribe([](MQTTAsync_message*, const std::string&) {}, "t", 0);
-    EXPECT_TRUE(logged(error("Failed to subscribe topic t, async_client is null")));
-    client->Unsubscribe("t");
-    EXPECT_EQ(impl().subscribe_map.size(), 1u);
+    EXPECT_TRUE(impl().subscribe_map.empty());
 }
 
 TEST_F(MqttClientTest, HandsOnlyJsonObjectsToJsonHandlersAndAsksTheGate)
 {
     connect();
-    test::Recorder<std::string> seen;
+    test::Recorder<std::string> seen, asked;
     client->Subscribe(
         [&](const Poco::JSON::Object& object, const std::string& topic) {
             seen.add(topic + object.optValue<std::string>("k", ""));
         },
         "j", 2);
     ASSERT_TRUE(logged(information("Success to subscribe topic j, return code 0")));
-    EXPECT_EQ(paho.calls.count("subscribe j 2"), 1u);
     std::atomic<unsigned char> verdict{1};
-    test::Recorder<std::string> asked;
     client->setMsgFwdHandlerCallback([&](const Poco::JSON::Object&, std::string topic, int qos) {
         asked.add(topic + std::to_string(qos));
         return verdict.load();
@@ -516,38 +403,24 @@ TEST_F(MqttClientTest, HandsOnlyJsonObjectsToJsonHandlersAndAsksTheGate)
     // The raw handler behind the JSON one tells that the message has been handed out.
     std::atomic<int> handed_out{0};
     subscribe([&](auto*, const auto&) { ++handed_out; }, "j", 0);
-    const auto handle = [&](const std::string& payload) {
+    const auto linesFor = [&](const std::string& payload) {
         log.clear();
         const int before = handed_out;
         paho.deliver("j", payload);
         EXPECT_TRUE(eventually([&] { return handed_out > before && *impl().in_flight_handlers == 0; }));
+        return log.lines();
     };
-    handle(R"({"k":"v"})");
-    EXPECT_EQ(seen.all(), std::vector<std::string>{"jv"});
+    EXPECT_TRUE(linesFor(R"({"k":"v"})").empty());
     EXPECT_EQ(asked.all(), std::vector<std::string>{"j2"});
-    for (const unsigned char no : {0, 2}) {
-        verdict = no;
-        handle(R"({"k":"v"})");
-        EXPECT_TRUE(log.lines().empty());
+    verdict = 2;
+    EXPECT_TRUE(linesFor(R"({"k":"v"})").empty()) << "1 alone lets a message through";
+    EXPECT_TRUE(linesFor("").empty()) << "an empty payload is passed over in silence";
+    for (const char* const bad : {"[1,2]", "{broken"}) {
+        const auto lines = linesFor(bad);
+        ASSERT_EQ(lines.size(), 1u) << bad;
+        EXPECT_EQ(lines[0].level, Poco::Message::PRIO_ERROR);
     }
-    handle("");
-    EXPECT_TRUE(log.lines().empty()) << "an empty payload is passed over in silence";
-    for (const char* const bad : {"[1,2]", "{broken", "5"}) {
-        SCOPED_TRACE(bad);
-        handle(bad);
-        ASSERT_EQ(log.lines().size(), 1u);
-        EXPECT_EQ(log.lines()[0].level, Poco::Message::PRIO_ERROR);
-    }
-    EXPECT_EQ(seen.all().size(), 1u);
-
-    client->Unsubscribe("j");
-    log.clear();
-    client->Subscribe(MqttClient::JsonHandler(), "j", 1);
-    ASSERT_TRUE(logged(information("Success to subscribe topic j, return code 0")));
-    EXPECT_EQ(paho.calls.count("subscribe j 1"), 1u);
-    subscribe([&](auto*, const auto&) { ++handed_out; }, "j", 0);
-    handle("{}");
-    EXPECT_EQ(log.lines(), std::vector{error("invalid json string")});
+    EXPECT_EQ(seen.all(), std::vector<std::string>{"jv"});
 }
 
 // ---- Publishing ----
@@ -561,69 +434,37 @@ TEST_F(MqttClientTest, PublishesBytesAsTheyAreAndTellsTheOutcome)
     EXPECT_EQ(paho.last_payload, bytes);
     MQTTAsync_successData delivered{};
     delivered.token = 12;
-    const auto succeed = [&](MQTTAsync_successData* data) {
-        paho.fire([=](auto& handle) { handle.publish.onSuccess(handle.publish.context, data); });
-    };
-    succeed(&delivered);  // no callback: unnoticed
     test::Recorder<int> tokens;
     client->SetDeliveryCompleteCallback([&](int token) { tokens.add(token); });
-    succeed(&delivered);
-    succeed(nullptr);
+    for (auto* const data : {&delivered, static_cast<MQTTAsync_successData*>(nullptr)})
+        paho.fire([data](auto& handle) { handle.publish.onSuccess(handle.publish.context, data); });
+    EXPECT_EQ(tokens.all(), (std::vector{12, 0}));
     MQTTAsync_failureData failed{};
     failed.code = -4;
-    const auto fail = [&](const char* reason, MQTTAsync_failureData* data) {
-        failed.message = reason;
-        paho.fire([=](auto& handle) { handle.publish.onFailure(handle.publish.context, data); });
-    };
-    fail("no room", &failed);
-    fail(nullptr, &failed);
-    fail(nullptr, nullptr);
-    EXPECT_EQ(tokens.all(), (std::vector{12, 0}));
+    failed.message = "no room";
+    for (auto* const data : {&failed, static_cast<MQTTAsync_failureData*>(nullptr)})
+        paho.fire([data](auto& handle) { handle.publish.onFailure(handle.publish.context, data); });
     EXPECT_TRUE(log.has(error("Publish failed, return code -4, topic: no room")));
-    EXPECT_TRUE(log.has(error("Publish failed, return code -4, topic: unknown")));
     EXPECT_TRUE(log.has(error("Publish failed, return code -1, topic: unknown")));
-    EXPECT_TRUE(client->PublishMessage("", "out", 0, 0, 0));
-    EXPECT_EQ(paho.last_payload, "");
     paho.script("send", -11);
     EXPECT_FALSE(client->PublishMessage("x", "out", 9, 0, 0));
     EXPECT_TRUE(log.has(error("Failed to publish message for topic out, return code -11")));
 }
 
-TEST_F(MqttClientTest, RefusesToPublishWhenTheLinkGoesWhileItWaitsForTheLock)
-{
-    connect();
-    const auto line = error("Publish failed: connection lost during check, topic: out");
-    // Only the second test logs; a thread that is late meets the first one, so it is tried until one was in time.
-    EXPECT_TRUE(eventually([&] {
-        std::unique_lock<std::mutex> lock(impl().client_mutex);
-        impl().connection_state = Connected;
-        auto published =
-            std::async(std::launch::async, [&] { return client->PublishMessage("x", "out", 0, 0, 0); });
-        static_cast<void>(published.wait_for(5ms));
-        impl().connection_state = Disconnected;
-        lock.unlock();
-        EXPECT_FALSE(published.get());
-        return log.has(line);
-    }));
-    EXPECT_EQ(paho.calls.countPrefix("send"), 0u);
-}
-
 // ---- Teardown ----
 
-TEST_F(MqttClientTest, DisconnectsOnRequestAndConnectsAgain)
+TEST_F(MqttClientTest, DisconnectsOnRequestWhateverPahoAnswersAndConnectsAgain)
 {
     connect();
-    client->Disconnect();
-    EXPECT_EQ(paho.calls.count("disconnect 3000"), 1u);
-    EXPECT_TRUE(log.has(information("Success to disconnect.")));
-    EXPECT_FALSE(client->IsConnected());
-    EXPECT_FALSE(impl().connected);
-    paho.script("disconnect", -3);
-    client->Disconnect();
-    EXPECT_TRUE(log.has(error("Failed to disconnect, return code -3")));
-    EXPECT_FALSE(client->IsConnected());
-    client->Connect({}, {});
-    EXPECT_TRUE(eventually([&] { return client->IsConnected(); }));
+    for (const int code : {0, -3}) {
+        paho.script("disconnect", code);
+        client->Disconnect();
+        EXPECT_FALSE(client->IsConnected());
+        EXPECT_FALSE(impl().connected);
+        client->Connect({}, {});
+        EXPECT_TRUE(eventually([&] { return client->IsConnected(); }));
+    }
+    EXPECT_EQ(paho.calls.count("disconnect 3000"), 2u);
 }
 
 TEST_F(MqttClientTest, TearsDownInOrderAndWaitsForARunningHandler)
