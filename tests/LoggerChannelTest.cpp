@@ -113,14 +113,6 @@ TEST_F(LoggerChannelTest, WritesAllThatItHasAcceptedBeforeItIsDestroyedAndThenLo
     EXPECT_EQ(slow->received.all(), numbers(0, 100));
 }
 
-TEST_F(LoggerChannelTest, TakesAndDiscardsWithoutAChannelBehindIt)
-{
-    Branch nowhere(new NonBlockingLoggerChannel(nullptr, 2));
-    nowhere->setProperty("prefix", "nowhere");
-    log(nowhere, 0, 1);
-    EXPECT_TRUE(nowhere->waitWritten(20s));
-}
-
 TEST_F(LoggerChannelTest, KeepsEachCallersOrderAndLosesNothingBetweenSleepAndWake)
 {
     Branch wide(new NonBlockingLoggerChannel(slow, 100000));

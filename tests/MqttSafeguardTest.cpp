@@ -334,16 +334,6 @@ TEST_F(MqttSafeguardTest, TheLastReferenceMayGoOnAnyThread)
         EXPECT_TRUE(ended());
     }
     {
-        SCOPED_TRACE("while a subscription is on its way");
-        log.clear();
-        Valve pool;
-        connect();
-        for (int i = 0; i < 31; ++i) client->Subscribe([](MQTTAsync_message*, const std::string&) {}, "a", 0);
-        EXPECT_TRUE(eventually([&] { return client.use_count() >= 1; }));
-        client.reset();
-        EXPECT_TRUE(ended());
-    }
-    {
         SCOPED_TRACE("while a handler goes on with the client");
         log.clear();
         connect();
