@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <memory>
 #include <random>
 
 #include "Crc32Kernels.h"
@@ -25,22 +26,17 @@ std::uint32_t divided(std::uint32_t running, const unsigned char* data, std::siz
 
 TEST(Crc32Test, EqualsTheDivisionForEveryLengthSeedAndAlignmentInEveryKernel)
 {
-    unsigned char data[700];
     std::mt19937 random(7);
-    for (unsigned char& byte : data) byte = static_cast<unsigned char>(random());
-    for (std::size_t length = 0; length <= sizeof data; ++length) {
-        for (const std::size_t offset : {0, 1, 7, 15}) {
-            // Ends with its last byte, so that the address sanitizer sees a read beyond it.
-            const auto room = std::make_unique<unsigned char[]>(offset + length);
-            unsigned char* const begin = room.get() + offset;
-            std::copy_n(data, length, begin);
-            for (const std::uint32_t seed : {0u, 0xFFFFFFFFu, static_cast<unsigned>(length) * 2654435761u}) {
-                const std::uint32_t expected = divided(seed, begin, length);
-                for (const auto kernel : {detail::crcBytewise, detail::crcSlicingBy8, detail::crcFastest})
-                    ASSERT_EQ(kernel(seed, begin, length), expected)
-                        << "length " << length << " at " << offset;
-                ASSERT_EQ(GetCRC32(~seed, begin, static_cast<int>(length)), ~expected);
-            }
+    for (std::size_t length = 0; length <= 700; ++length) {
+        // Ends with its last byte, so that the address sanitizer sees a read beyond it.
+        const auto room = std::make_unique<unsigned char[]>(length / 3 % 16 + length);
+        unsigned char* const begin = room.get() + length / 3 % 16;
+        std::generate_n(begin, length, random);
+        for (const std::uint32_t seed : {0u, 0xFFFFFFFFu, static_cast<unsigned>(random())}) {
+            const std::uint32_t expected = divided(seed, begin, length);
+            for (const auto kernel : {detail::crcBytewise, detail::crcSlicingBy8, detail::crcFastest})
+                ASSERT_EQ(kernel(seed, begin, length), expected) << "length " << length;
+            ASSERT_EQ(GetCRC32(~seed, begin, static_cast<int>(length)), ~expected);
         }
     }
 }
@@ -52,10 +48,8 @@ TEST(Crc32Test, ReadsANegativeLengthAsACountOf2GiBOrMore)
 #endif
     constexpr std::size_t kBytes = std::size_t{1} << 31;  // of zeros, which take no memory
     void* const room = mmap(nullptr, kBytes, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    ASSERT_NE(room, MAP_FAILED);
     auto* const data = static_cast<unsigned char*>(room);
-    const unsigned int half = GetCRC32(7, data, 1 << 30);
-    EXPECT_EQ(GetCRC32(7, data, INT_MIN), GetCRC32(half, data, 1 << 30));
+    EXPECT_EQ(GetCRC32(7, data, INT_MIN), GetCRC32(GetCRC32(7, data, 1 << 30), data, 1 << 30));
     munmap(room, kBytes);
 }
 
