@@ -30,7 +30,7 @@ const kro::ThreadPool* const s_pool_at_load = &kro::ThreadPool::defaultPool();
 const auto s_entry_at_load = std::make_shared<int>(5);
 const bool s_is_set = (kro::NotificationCenter::defaultCenter().set("at load", s_entry_at_load), true);
 
-TEST(StaticLinkTest, HasKeysAndHookDefaultsBeforeAnyInitialiserOfTheHost)
+TEST(StaticLinkTest, StandsBeforeAnyInitialiserOfTheHostAndKeepsWhatThatHasMade)
 {
     const std::string hook =
         R"({"hook":{"admin_params":"secret=7d1e4a90-2c36-4f58-9b17-e05ac3d86f21","alive_interval":30,)"
@@ -41,13 +41,8 @@ TEST(StaticLinkTest, HasKeysAndHookDefaultsBeforeAnyInitialiserOfTheHost)
     EXPECT_EQ(s_all_at_load,
               hook + R"(,"http":{"apiDebug":true,"port":9528,"sslport":443},"rpc":{"port":9527}})");
     EXPECT_EQ(treeText(), s_all_at_load) << "no later initialiser may write over the host's values";
-}
-
-TEST(StaticLinkTest, KeepsThePoolAndTheEntriesThatAnInitialiserOfTheHostHasMade)
-{
     EXPECT_EQ(s_pool_at_load, &kro::ThreadPool::defaultPool());
-    EXPECT_TRUE(s_is_set);
-    EXPECT_TRUE(s_logger_at_load);
+    EXPECT_TRUE(s_is_set && s_logger_at_load);
     EXPECT_EQ(kro::NotificationCenter::defaultCenter().find<int>("at load"), s_entry_at_load);
 }
 }  // namespace
