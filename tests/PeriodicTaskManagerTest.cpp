@@ -108,6 +108,7 @@ TEST_F(PeriodicTaskManagerTest, KeepsACancelledTaskUntilTheNextPassAndDropsItsCa
     EXPECT_EQ(manager->getTaskStatus(id), TASK_CANCELLED);
     EXPECT_EQ(manager->getTaskCount(), 2u);
     pass();
+    EXPECT_EQ(interval, 10ms) << "of the shortest period that is left";
     EXPECT_EQ(manager->getTaskCount(), 1u);
     EXPECT_FALSE(manager->cancelTask(id));
     EXPECT_EQ(manager->getTaskStatus(id), TASK_NOT_FOUND);
