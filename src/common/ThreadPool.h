@@ -87,8 +87,6 @@ private:
     void start_l(std::function<void()> task, HandOver hand_over);  // takes live_adapters_mutex
     void taskFinished(RunnableAdapter* adapter);  // on the thread that ran it; takes live_adapters_mutex
 
-    friend struct ThreadPoolTestAccess;
-
     // Nodes side by side, since taskFinished() walks them. A host may replace the default resource: not asked.
     std::pmr::unsynchronized_pool_resource adapter_nodes{std::pmr::new_delete_resource()};
     // Strong references to the started tasks that have not been reported finished, in order of starting:
