@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include "support/InChild.h"
 #include "support/LogCapture.h"
 #include "support/WithSafeguards.h"
 
@@ -112,6 +114,21 @@ TEST_F(ConfigTest, GoesOnWithTheTreeAsItIsWhereFileOrDirectoryAreNoGood)
     EXPECT_EQ(logOf(loadConfig).back(), kInitialized) << "what fails in the saving ends there";
     EXPECT_EQ(LogCapture::instance().countPrefix("save config file error: "), 1u);
     EXPECT_EQ(treeText(), before);
+}
+
+TEST_F(ConfigTest, GivesTheOwnerOfTheDirectoryThePermissionBack)
+{
+    constexpr uid_t kNobody = 65534;
+    if (seteuid(kNobody) != 0) GTEST_SKIP() << "the namespace of a test that is not root's knows one user";
+    ASSERT_EQ(seteuid(0), 0);
+    ASSERT_EQ(chown(kDirectory.c_str(), kNobody, 0), 0);
+    fs::permissions(kDirectory, fs::perms(0555));
+    test::inChild([] {
+        ASSERT_EQ(setresuid(kNobody, kNobody, kNobody), 0);
+        EXPECT_EQ(logOf(loadConfig).at(0),
+                  test::information("No write permission for directory: [ERRFMT],give write permission"));
+    });
+    EXPECT_EQ(fileText(), treeText());
 }
 
 TEST_F(ConfigTest, KeepsTheOldFileWholeOnAFullDiskWhenItIsGuarded)
