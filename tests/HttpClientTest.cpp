@@ -109,16 +109,6 @@ TEST_F(HttpClientTest, TakesTheUrlAsItStandsAndPlainHttpWhateverTheScheme)
     }
 }
 
-TEST_F(HttpClientTest, ReachesAServerByIPv6)
-{
-    try {
-        const RawServer server([](Peer& peer) { peer.send(kOk); }, "::1");
-        EXPECT_EQ(get(server.url("/")), kGood);
-    } catch (const Poco::Exception&) {
-        GTEST_SKIP() << "no IPv6 here";
-    }
-}
-
 TEST_F(HttpClientTest, PassesOnWhatTheServerSent)
 {
     const std::pair<std::string, Answers> rows[] = {
