@@ -12,10 +12,14 @@
 
 #include <Poco/ErrorHandler.h>
 #include <Poco/Exception.h>
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPServerConnection.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocketImpl.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/ThreadPool.h>
 
+#include "ServedConnection.h"
 #include "support/Eventually.h"
 #include "support/RawHttp.h"
 #include "support/WithSafeguards.h"
@@ -182,9 +186,10 @@ void answerInEveryWay(HTTPServerRequest& request, HTTPServerResponse& response)
     if (request.getURI() == "/poco") throw Poco::NotFoundException("mine");
     if (request.getURI() == "/std") throw std::runtime_error("plain");
     if (request.getURI() == "/none") response.setStatusAndReason(HTTPServerResponse::HTTP_NO_CONTENT);
+    if (request.getURI() == "/close") response.setKeepAlive(false);
     if (request.getURI() == "/chunks") response.setChunkedTransferEncoding(true);
     if (request.getURI() == "/length") response.setContentLength(static_cast<std::streamsize>(text.size()));
-    if (request.getURI() == "/buffer")
+    if (request.getURI() == "/buffer" || request.getURI() == "/close")
         response.sendBuffer(text.data(), text.size());
     else if (request.getURI() == "/file")
         response.sendFile("/etc/passwd", "text/plain");
@@ -231,19 +236,27 @@ TEST_F(HttpServerTest, ServesAPlainRequestToTheByteAsPocoDoes)
     server->stop();
 }
 
-TEST_F(HttpServerTest, LeavesLimitedConnectionsToPoco)
+TEST(ServedConnectionTest, LeavesSecureSocketsAndLimitedConnectionsToPoco)
 {
-    const test::WithSafeguards guarded(kAnswerAlways);
-    auto* const limited = new Poco::Net::HTTPServerParams;
-    limited->setMaxKeepAliveRequests(2);
-    const auto server = HttpServer::createInstance(socket, limited, echo);
-    server->start();
-    Peer peer(socket.address().port());
-    peer.send(test::get("/1") + test::get("/2", "Expect: no\r\n") + test::get("/3"));
-    const std::string replies = peer.rest();
-    EXPECT_NE(replies.find("GET /2"), std::string::npos);
-    EXPECT_EQ(replies.find("GET /3"), std::string::npos) << "counted anew where the kind of request changes";
-    server->stop();
+    using namespace Poco::Net;
+    struct Nobody : HTTPRequestHandlerFactory
+    {
+        HTTPRequestHandler* createRequestHandler(const HTTPServerRequest&) override { return nullptr; }
+    };
+    struct Secure : StreamSocketImpl
+    {
+        bool secure() const override { return true; }
+    };
+    const auto isPocos = [](const StreamSocket& socket, int most_requests) {
+        HTTPServerParams::Ptr params(new HTTPServerParams);
+        params->setMaxKeepAliveRequests(most_requests);
+        detail::ServedConnectionFactory factory(params, new Nobody);
+        const std::unique_ptr<TCPServerConnection> made(factory.createConnection(socket));
+        return dynamic_cast<HTTPServerConnection*>(made.get()) != nullptr;
+    };
+    EXPECT_FALSE(isPocos(StreamSocket(), 0));
+    EXPECT_TRUE(isPocos(StreamSocket(new Secure), 0)) << "what stands on its descriptor is not what was sent";
+    EXPECT_TRUE(isPocos(StreamSocket(), 2)) << "else two sessions would each count from the first";
 }
 
 TEST_F(HttpServerTest, EndsAConnectionThatIsIdleTooLongBesideOneThatIsNot)
@@ -277,16 +290,23 @@ TEST_F(HttpServerTest, TakesRequestsInPiecesAndSeveralAtOnce)
 {
     const test::WithSafeguards guarded(kAnswerAlways);
     const auto server = serve(answerInEveryWay);
-    const std::string request = test::get("/buffer") + test::post("/chunks", "body") + test::get("/buffer");
-    for (std::size_t first = 0; first < request.size(); first += 7) {
+    const std::string first = test::get("/buffer"), second = test::post("/chunks", "body");
+    const std::string all = first + second + first;
+    for (std::size_t cut = first.size(); cut < all.size(); ++cut) {
         Peer peer(socket.address().port());
-        peer.send(request.substr(0, first));
-        const bool has_one = first >= test::get("/buffer").size();
-        std::string last = has_one ? peer.message() : "";  // so the first piece has arrived
-        peer.send(request.substr(first));
-        for (int i = has_one ? 1 : 0; i < 3; ++i) last = peer.message();
-        EXPECT_EQ(test::bodyOf(last).substr(0, 11), "GET /buffer") << first;
+        peer.send(all.substr(0, cut));
+        peer.message();  // so the first piece has arrived
+        peer.send(all.substr(cut));
+        const std::string posted = test::bodyOf(peer.message());
+        EXPECT_EQ(posted.substr(posted.size() - 4), "body") << cut;
+        EXPECT_EQ(test::bodyOf(peer.message()).substr(0, 11), "GET /buffer") << cut;
     }
+    Peer asking(socket.address().port());
+    asking.send("POST /buffer HTTP/1.1\r\nContent-Length: 4\r\nExpect: 100-continue\r\n\r\nbody");
+    EXPECT_EQ(asking.message().substr(0, 12), "HTTP/1.1 100");
+    Peer closing(socket.address().port());
+    closing.send(test::get("/close") + first);
+    EXPECT_EQ(closing.rest().find("GET /buffer"), std::string::npos) << "the handler ends the connection";
     server->stop();
 }
 

@@ -129,8 +129,8 @@ inline std::string post(const std::string& path, const std::string& body)
 class RawServer
 {
 public:
-    explicit RawServer(std::function<void(Peer&)> answer, const std::string& host = "127.0.0.1")
-        : listener(Poco::Net::SocketAddress(host, 0)), script(std::move(answer)), server([this] { serve(); })
+    explicit RawServer(std::function<void(Peer&)> answer)
+        : script(std::move(answer)), server([this] { serve(); })
     {}
     explicit RawServer(const std::string& reply) : RawServer([reply](Peer& peer) { peer.send(reply); }) {}
     ~RawServer()
@@ -154,7 +154,7 @@ private:
         }
     }
 
-    Poco::Net::ServerSocket listener;
+    Poco::Net::ServerSocket listener{Poco::Net::SocketAddress("127.0.0.1", 0)};
     const std::function<void(Peer&)> script;
     Recorder<std::string> seen;
     std::atomic<bool> stopped{false};
